@@ -1,0 +1,5 @@
+// The public entry point of libvesk_encoder.
+#pragma once
+
+#include "vesk/records.h"
+#include "vesk/streaminfo.h"

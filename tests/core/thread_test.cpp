@@ -1,0 +1,112 @@
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "log_capture.h"
+#include "thread.h"
+
+using vesk::encoder::internal::Thread;
+
+namespace {
+
+// A worker that counts its wake-ups until asked to exit.
+class Worker : public Thread {
+ public:
+  Worker() : Thread("test_worker") {}
+  void SetMustExit(bool mustExit) override {
+    pthread_mutex_lock(&mutex_);
+    mustExit_ = mustExit;
+    pthread_mutex_unlock(&mutex_);
+    Notify();
+  }
+  void Work() override {
+    for (;;) {
+      pthread_mutex_lock(&mutex_);
+      bool exit = mustExit_;
+      pthread_mutex_unlock(&mutex_);
+      if (exit) return;
+      loops++;
+      Wait(1000);
+    }
+  }
+  std::atomic<int> loops{0};
+
+ private:
+  bool mustExit_ = false;
+};
+
+double WallSeconds() {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  return tv.tv_sec + tv.tv_usec / 1e6;
+}
+
+}  // namespace
+
+TEST(Thread, StartsNamedStopsAndRestarts) {
+  vesk::test::LogCapture capture;
+  Worker w;
+  w.StopThread();  // never started: nothing happens, nothing is logged
+  EXPECT_TRUE(capture.Lines().empty());
+
+  ASSERT_EQ(0, w.StartThread());
+  EXPECT_TRUE(w.IsRunning());
+  while (w.loops.load() == 0) usleep(1000);
+  w.StopThread();
+  EXPECT_FALSE(w.IsRunning());
+  w.StopThread();  // twice: harmless
+
+  auto lines = capture.Lines();
+  ASSERT_EQ(2u, lines.size());
+  // "name(tid) - Thread started" with the kernel's name for the thread.
+  EXPECT_EQ(0u, lines[0].message.find("test_worker("));
+  EXPECT_NE(std::string::npos, lines[0].message.find(") - Thread started"));
+  EXPECT_NE(std::string::npos, lines[1].message.find(") - Thread will exit"));
+  EXPECT_EQ(VESK_PRIO_INFO, lines[0].priority);
+  EXPECT_EQ("thread.cpp", lines[0].sourceFile);
+
+  // A stopped object starts again, with its exit request cleared.
+  int before = w.loops.load();
+  ASSERT_EQ(0, w.StartThread());
+  while (w.loops.load() == before) usleep(1000);
+  w.StopThread();
+}
+
+TEST(Thread, WaitWithoutTimeoutReturnsWhenNotified) {
+  Worker w;
+  for (int ms : {0, -5}) {
+    std::atomic<bool> done{false};
+    std::thread notifier([&] {
+      while (!done.load()) {
+        usleep(20000);
+        w.Notify();
+      }
+    });
+    EXPECT_EQ(0, w.Wait(ms));
+    done = true;
+    notifier.join();
+  }
+}
+
+TEST(Thread, TimedWaitDropsTheFractionOfTheCurrentSecond) {
+  Worker w;
+  // Start just after a whole second so that the expected end is well defined.
+  double start = WallSeconds();
+  double whole = (double)(long)start;
+  EXPECT_EQ(1, w.Wait(1500));
+  double end = WallSeconds();
+  // The deadline is the whole second plus 1.5 s, not start plus 1.5 s.
+  EXPECT_GE(end, whole + 1.5 - 0.01);
+  EXPECT_LT(end, start + 1.5 + 0.5);
+  if (start - whole > 0.1) {
+    EXPECT_LT(end, start + 1.5) << "ended early by the dropped fraction";
+  }
+
+  // A deadline in the past times out at once.
+  EXPECT_EQ(1, w.Wait(1)) << "1 ms after the current whole second is already past";
+}
