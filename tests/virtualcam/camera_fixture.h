@@ -1,0 +1,216 @@
+// Talks to the virtual camera through the device layer, as the video track
+// does, on the manual clock.
+#ifndef VESK_TESTS_VIRTUALCAM_CAMERA_FIXTURE_H
+#define VESK_TESTS_VIRTUALCAM_CAMERA_FIXTURE_H
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include <vector>
+
+#include "vesk/device/device.h"
+#include "vesk/device/iav.h"
+#include "vesk/virtualcam/virtualcam.h"
+
+constexpr uint32_t kPeriod30 = 17066667;  // 512000000 / 30, rounded
+
+struct StreamSetup {
+  uint32_t id = 0;
+  uint32_t type = IAV_STREAM_TYPE_H264;
+  uint32_t sourceBuf = 0;
+  uint32_t width = 320;
+  uint32_t height = 180;
+  uint32_t fps = 30;  // against a 30 fps VIN
+  uint16_t N = 10;
+  uint32_t idrInterval = 30;
+  uint32_t bitrate = 400000;
+  uint32_t quality = 80;
+};
+
+class VirtualCameraTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    vcam_reset();
+    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
+    iav_ = vdev_open(VDEV_PATH_IAV, O_RDWR);
+    ASSERT_GE(iav_, 0) << strerror(errno);
+  }
+
+  void TearDown() override {
+    if (ring_ != nullptr) vdev_munmap(const_cast<uint8_t*>(ring_), ringLength_ * 2);
+    if (iav_ >= 0) vdev_close(iav_);
+    vcam_reset();
+  }
+
+  // errno of a request, 0 when it succeeds.
+  int Request(unsigned long request, unsigned long argument) {
+    return vdev_ioctl(iav_, request, argument) == 0 ? 0 : errno;
+  }
+  template <typename T>
+  int Request(unsigned long request, T* record) {
+    void* pointer = const_cast<void*>(static_cast<const void*>(record));
+    return vdev_ioctl(iav_, request, pointer) == 0 ? 0 : errno;
+  }
+
+  int SetStreamConfig(uint32_t id, uint32_t cid, const void* payload, size_t size) {
+    iav_stream_cfg_t cfg;
+    memset(&cfg, 0, sizeof(cfg));
+    cfg.id = id;
+    cfg.cid = cid;
+    if (payload != nullptr) memcpy(&cfg.arg, payload, size);
+    return Request(IAV_IOC_SET_STREAM_CONFIG, &cfg);
+  }
+
+  int SetBitrate(uint32_t id, uint32_t target) {
+    iav_stream_cfg_t cfg;
+    memset(&cfg, 0, sizeof(cfg));
+    cfg.id = id;
+    cfg.cid = IAV_STMCFG_BITRATE;
+    if (Request(IAV_IOC_GET_STREAM_CONFIG, &cfg) != 0) return -1;
+    cfg.arg.bitrate.targetBitrate = target;
+    cfg.arg.bitrate.rcMode = IAV_BRC_MODE_VBR;
+    cfg.arg.bitrate.vbrLevel = 4;
+    cfg.arg.bitrate.adaptQp = 0;
+    cfg.arg.bitrate.qpMinI = cfg.arg.bitrate.qpMinP = cfg.arg.bitrate.qpMinB = 1;
+    cfg.arg.bitrate.qpMaxI = cfg.arg.bitrate.qpMaxP = cfg.arg.bitrate.qpMaxB = 51;
+    return Request(IAV_IOC_SET_STREAM_CONFIG, &cfg);
+  }
+
+  int ForceIdr(uint32_t id) { return SetStreamConfig(id, IAV_STMCFG_FORCE_IDR, nullptr, 0); }
+
+  // Idle, VIN 1080p at 30, resources, source buffers 0 (1920x1080) and 1
+  // (640x360).
+  void SetUpIdleVin() {
+    ASSERT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
+    iav_vin_mode_t mode = {0, 0, 0, 0};
+    ASSERT_EQ(Request(IAV_IOC_VIN_SET_MODE, &mode), 0);
+    iav_vin_fps_t fps = {0, kPeriod30};
+    ASSERT_EQ(Request(IAV_IOC_VIN_SET_FPS, &fps), 0);
+    iav_system_resource_t resource;
+    memset(&resource, 0, sizeof(resource));
+    ASSERT_EQ(Request(IAV_IOC_GET_SYSTEM_RESOURCE, &resource), 0);
+    resource.maxEncodeStreams = 4;
+    resource.maxSourceBuffers = 4;
+    resource.exposureNum = 1;
+    ASSERT_EQ(Request(IAV_IOC_SET_SYSTEM_RESOURCE, &resource), 0);
+    iav_srcbuf_setup_t buffers;
+    memset(&buffers, 0, sizeof(buffers));
+    ASSERT_EQ(Request(IAV_IOC_GET_SOURCE_BUFFER_SETUP, &buffers), 0);
+    for (uint32_t& type : buffers.type) type = IAV_SRCBUF_TYPE_OFF;
+    buffers.size[0] = iav_size_t{1920, 1080};
+    buffers.type[0] = IAV_SRCBUF_TYPE_ENCODE;
+    buffers.size[1] = iav_size_t{640, 360};
+    buffers.type[1] = IAV_SRCBUF_TYPE_ENCODE;
+    ASSERT_EQ(Request(IAV_IOC_SET_SOURCE_BUFFER_SETUP, &buffers), 0);
+  }
+
+  // Format, codec settings, rate and cadence of one stream, as the track sends them.
+  void ConfigureStream(const StreamSetup& s) {
+    iav_stream_format_t format;
+    memset(&format, 0, sizeof(format));
+    format.id = s.id;
+    ASSERT_EQ(Request(IAV_IOC_GET_STREAM_FORMAT, &format), 0);
+    format.type = s.type;
+    format.sourceBuf = s.sourceBuf;
+    format.width = s.width;
+    format.height = s.height;
+    format.offsetX = format.offsetY = 0;
+    ASSERT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), 0);
+    if (s.type == IAV_STREAM_TYPE_H264) {
+      iav_h264_config_t h264;
+      memset(&h264, 0, sizeof(h264));
+      h264.id = s.id;
+      ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &h264), 0);
+      h264.M = 1;
+      h264.N = s.N;
+      h264.gopModel = 0;
+      h264.cabac = 1;
+      h264.audType = 1;
+      h264.lowLatency = 0;
+      ASSERT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &h264), 0);
+    } else {
+      iav_stream_quality_t quality = {s.quality};
+      ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_MJPEG_QUALITY, &quality, sizeof(quality)), 0);
+    }
+    iav_stream_fps_t fps = {s.fps, 30};
+    ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_FPS, &fps, sizeof(fps)), 0);
+    if (s.type == IAV_STREAM_TYPE_H264) {
+      iav_stream_gop_t gop = {s.idrInterval, 1};
+      ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_GOP, &gop, sizeof(gop)), 0);
+      ASSERT_EQ(SetBitrate(s.id, s.bitrate), 0);
+    }
+    ASSERT_EQ(ForceIdr(s.id), 0);
+  }
+
+  // Everything up to encoding the given streams.
+  void StartStreams(const std::vector<StreamSetup>& streams) {
+    ASSERT_NO_FATAL_FAILURE(SetUpIdleVin());
+    uint32_t mask = 0;
+    for (const StreamSetup& s : streams) {
+      ASSERT_NO_FATAL_FAILURE(ConfigureStream(s));
+      mask |= 1u << s.id;
+    }
+    ASSERT_EQ(Request(IAV_IOC_ENABLE_PREVIEW, 0ul), 0);
+    ASSERT_EQ(Request(IAV_IOC_START_ENCODE, static_cast<unsigned long>(mask | (mask << 16))), 0);
+  }
+
+  // Maps the bitstream ring twice its length, as the track does.
+  void MapRing() {
+    iav_querybuf_t query;
+    memset(&query, 0, sizeof(query));
+    query.buf = IAV_BUFFER_BSB;
+    ASSERT_EQ(Request(IAV_IOC_QUERY_BUF, &query), 0);
+    ringLength_ = query.length;
+    void* ring = vdev_mmap(nullptr, ringLength_ * 2, PROT_READ, MAP_SHARED, iav_, query.offset);
+    ASSERT_NE(ring, MAP_FAILED) << strerror(errno);
+    ring_ = static_cast<const uint8_t*>(ring);
+  }
+
+  // The next picture's descriptor; false on EAGAIN.
+  bool NextFrame(iav_framedesc_t* desc, int32_t stream = IAV_STREAM_ID_ANY) {
+    iav_querydesc_t query;
+    memset(&query, 0, sizeof(query));
+    query.qid = IAV_DESC_FRAME;
+    query.arg.frame.id = stream;
+    int err = Request(IAV_IOC_QUERY_DESC, &query);
+    if (err == EAGAIN) return false;
+    EXPECT_EQ(err, 0);
+    if (err != 0) return false;
+    *desc = query.arg.frame;
+    return true;
+  }
+
+  std::vector<iav_framedesc_t> DrainFrames() {
+    std::vector<iav_framedesc_t> frames;
+    iav_framedesc_t desc;
+    while (NextFrame(&desc)) frames.push_back(desc);
+    return frames;
+  }
+
+  std::vector<uint8_t> PictureBytes(const iav_framedesc_t& desc) const {
+    return std::vector<uint8_t>(ring_ + desc.dataOffset, ring_ + desc.dataOffset + desc.size);
+  }
+
+  int iav_ = -1;
+  const uint8_t* ring_ = nullptr;
+  size_t ringLength_ = 0;
+};
+
+// NAL unit types of an Annex B picture, in order; -1 in `types` marks a NAL
+// unit not behind a 4-byte start code.
+inline std::vector<int> NalTypes(const std::vector<uint8_t>& bytes) {
+  std::vector<int> types;
+  for (size_t i = 0; i + 3 < bytes.size(); ++i) {
+    if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1) {
+      bool four = i > 0 && bytes[i - 1] == 0;
+      types.push_back(four ? (bytes[i + 3] & 0x1F) : -1);
+      i += 2;
+    }
+  }
+  return types;
+}
+
+#endif

@@ -1,0 +1,338 @@
+// The emulated driver's states, refusals, chip and sensor answers, microcode
+// loading, hardware timer files and request faults, through the device layer.
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <utility>
+
+#include "camera_fixture.h"
+
+namespace {
+
+int State() {
+  vcam_status_t status;
+  vcam_get_status(&status);
+  return status.iavState;
+}
+
+TEST_F(VirtualCameraTest, StatesAdmitOnlyTheirRequests) {
+  EXPECT_EQ(Request(IAV_IOC_START_ENCODE, 1ul), EPERM);    // idle
+  EXPECT_EQ(Request(IAV_IOC_STOP_ENCODE, 1ul), EPERM);
+  EXPECT_EQ(Request(IAV_IOC_ENABLE_PREVIEW, 0ul), EINVAL);  // no VIN yet
+  ASSERT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
+
+  iav_vin_mode_t unknown = {0, 77, 0, 0};
+  EXPECT_EQ(Request(IAV_IOC_VIN_SET_MODE, &unknown), EINVAL);
+  iav_vin_mode_t hdrNotThere = {0, 0, 1, 0};
+  EXPECT_EQ(Request(IAV_IOC_VIN_SET_MODE, &hdrNotThere), EINVAL);
+  iav_vin_mode_t mode30 = {0, 0, 0, 0};
+  ASSERT_EQ(Request(IAV_IOC_VIN_SET_MODE, &mode30), 0);
+  iav_vin_fps_t faster = {0, 8533333};  // 60 on a 30 fps mode
+  EXPECT_EQ(Request(IAV_IOC_VIN_SET_FPS, &faster), EINVAL);
+  ASSERT_NO_FATAL_FAILURE(SetUpIdleVin());
+
+  // The exposures must match the HDR mode of the VIN.
+  iav_system_resource_t resource;
+  ASSERT_EQ(Request(IAV_IOC_GET_SYSTEM_RESOURCE, &resource), 0);
+  resource.exposureNum = 2;
+  ASSERT_EQ(Request(IAV_IOC_SET_SYSTEM_RESOURCE, &resource), 0);
+  EXPECT_EQ(Request(IAV_IOC_ENABLE_PREVIEW, 0ul), EINVAL);
+  resource.exposureNum = 5;
+  EXPECT_EQ(Request(IAV_IOC_SET_SYSTEM_RESOURCE, &resource), EINVAL);
+  resource.exposureNum = 1;
+  ASSERT_EQ(Request(IAV_IOC_SET_SYSTEM_RESOURCE, &resource), 0);
+
+  ASSERT_EQ(Request(IAV_IOC_ENABLE_PREVIEW, 0ul), 0);
+  EXPECT_EQ(State(), VCAM_IAV_STATE_PREVIEW);
+  EXPECT_EQ(Request(IAV_IOC_ENABLE_PREVIEW, 0ul), EPERM);
+  EXPECT_EQ(Request(IAV_IOC_VIN_SET_MODE, &mode30), EPERM);
+  iav_srcbuf_setup_t buffers;
+  ASSERT_EQ(Request(IAV_IOC_GET_SOURCE_BUFFER_SETUP, &buffers), 0);
+  EXPECT_EQ(Request(IAV_IOC_SET_SOURCE_BUFFER_SETUP, &buffers), EPERM);
+  EXPECT_EQ(Request(IAV_IOC_SET_SYSTEM_RESOURCE, &resource), EPERM);
+  EXPECT_EQ(Request(IAV_IOC_STOP_ENCODE, 1ul), EPERM);
+  EXPECT_EQ(Request(IAV_IOC_START_ENCODE, 1ul), EINVAL);  // stream 0 has no format
+
+  // Records that do not fit.
+  iav_stream_format_t format;
+  memset(&format, 0, sizeof(format));
+  format.id = 4;
+  EXPECT_EQ(Request(IAV_IOC_GET_STREAM_FORMAT, &format), EINVAL);
+  format.id = 1;
+  format.type = IAV_STREAM_TYPE_H264;
+  format.sourceBuf = 1;  // 640x360
+  format.width = 1280;
+  format.height = 720;
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), EINVAL);
+  format.sourceBuf = 2;  // not set up
+  format.width = 320;
+  format.height = 180;
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), EINVAL);
+  format.sourceBuf = 1;
+  format.width = 321;  // odd
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), EINVAL);
+  iav_stream_cfg_t item;
+  memset(&item, 0, sizeof(item));
+  item.id = 0;
+  item.cid = 0x1234;
+  EXPECT_EQ(Request(IAV_IOC_GET_STREAM_CONFIG, &item), EINVAL);
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_CONFIG, &item), EINVAL);
+  item.id = 4;
+  item.cid = IAV_STMCFG_FORCE_IDR;
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_CONFIG, &item), EINVAL);
+  iav_stream_fps_t tooFast = {31, 30};
+  EXPECT_EQ(SetStreamConfig(0, IAV_STMCFG_FPS, &tooFast, sizeof(tooFast)), EINVAL);
+  iav_stream_quality_t badQuality = {101};
+  EXPECT_EQ(SetStreamConfig(0, IAV_STMCFG_MJPEG_QUALITY, &badQuality, sizeof(badQuality)), EINVAL);
+  iav_stream_bitrate_t badRate;
+  memset(&badRate, 0, sizeof(badRate));
+  badRate.targetBitrate = 1000000;
+  badRate.rcMode = IAV_BRC_MODE_VBR;
+  badRate.qpMaxI = badRate.qpMaxP = 52;
+  EXPECT_EQ(SetStreamConfig(0, IAV_STMCFG_BITRATE, &badRate, sizeof(badRate)), EINVAL);
+  iav_h264_config_t h264;
+  memset(&h264, 0, sizeof(h264));
+  ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &h264), 0);
+  h264.M = 4;
+  EXPECT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &h264), EINVAL);
+
+  // Start and stop by mask, high bits as sent.
+  StreamSetup s;
+  ASSERT_NO_FATAL_FAILURE(ConfigureStream(s));
+  EXPECT_EQ(Request(IAV_IOC_START_ENCODE, 0x10ul), EINVAL);        // stream 4
+  EXPECT_EQ(Request(IAV_IOC_START_ENCODE, 0x00020001ul), EINVAL);  // halves disagree
+  EXPECT_EQ(Request(IAV_IOC_START_ENCODE, 0x3ul), EINVAL);         // stream 1 not configured
+  ASSERT_EQ(Request(IAV_IOC_START_ENCODE, 0x00010001ul), 0);
+  vcam_status_t status;
+  vcam_get_status(&status);
+  EXPECT_EQ(status.iavState, VCAM_IAV_STATE_ENCODE);
+  EXPECT_EQ(status.encodeMask, 1u);
+  EXPECT_EQ(status.lastStartArgument, 0x00010001u);
+  EXPECT_EQ(Request(IAV_IOC_START_ENCODE, 0x1ul), EBUSY);
+  format.id = 0;
+  ASSERT_EQ(Request(IAV_IOC_GET_STREAM_FORMAT, &format), 0);
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), 0);  // unchanged: taken
+  format.width = 160;
+  EXPECT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), EBUSY);
+  ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &h264), 0);
+  EXPECT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &h264), 0);
+  h264.N = 60;
+  EXPECT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &h264), EBUSY);
+  EXPECT_EQ(ForceIdr(0), 0);  // run-time items are taken while encoding
+  ASSERT_EQ(Request(IAV_IOC_STOP_ENCODE, 0x00010001ul), 0);
+  EXPECT_EQ(State(), VCAM_IAV_STATE_PREVIEW);
+
+  // A start with no stream at all is accepted; idle stops everything.
+  ASSERT_EQ(Request(IAV_IOC_START_ENCODE, 0ul), 0);
+  EXPECT_EQ(State(), VCAM_IAV_STATE_ENCODE);
+  ASSERT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
+  vcam_get_status(&status);
+  EXPECT_EQ(status.iavState, VCAM_IAV_STATE_IDLE);
+  EXPECT_EQ(status.encodeMask, 0u);
+  EXPECT_EQ(vcam_request_count(IAV_IOC_START_ENCODE), 8u);
+}
+
+TEST_F(VirtualCameraTest, RequestsOnTheWrongDeviceOrRecord) {
+  EXPECT_EQ(Request(IAV_IOC_GET_UCODE_VERSION, static_cast<iav_ucode_version_t*>(nullptr)), ENOTTY);
+  EXPECT_EQ(Request(0x40045699ul, 0ul), ENOTTY);
+  EXPECT_EQ(Request(IAV_IOC_GET_CHIP_ID, static_cast<int32_t*>(nullptr)), EFAULT);
+  int ucode = vdev_open(VDEV_PATH_UCODE, O_RDONLY);
+  ASSERT_GE(ucode, 0);
+  EXPECT_EQ(vdev_ioctl(ucode, IAV_IOC_ENTER_IDLE, 0), -1);
+  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(vdev_close(ucode), 0);
+  EXPECT_EQ(vdev_ioctl(ucode, IAV_IOC_ENTER_IDLE, 0), -1);  // closed: the kernel's EBADF
+  EXPECT_EQ(errno, EBADF);
+
+  // Other paths are the kernel's.
+  int null = vdev_open("/dev/null", O_RDWR);
+  ASSERT_GE(null, 0);
+  EXPECT_EQ(vdev_ioctl(null, IAV_IOC_ENTER_IDLE, 0), -1);
+  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(vdev_close(null), 0);
+  EXPECT_EQ(vdev_open("/dev/vesk-no-such-device", O_RDWR), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(VirtualCameraTest, ChipIdAndSensorModesAsEnumerated) {
+  int32_t chip = -100;
+  ASSERT_EQ(Request(IAV_IOC_GET_CHIP_ID, &chip), 0);
+  EXPECT_EQ(chip, VCAM_DEFAULT_CHIP_ID);
+  vcam_set_chip_id(-1);
+  ASSERT_EQ(Request(IAV_IOC_GET_CHIP_ID, &chip), 0);
+  EXPECT_EQ(chip, -1);
+
+  // Enumerate as the track does: 75 mode indices x 16 HDR values.
+  std::set<std::pair<uint32_t, int>> answered;
+  for (uint32_t n = 0; n < 75; ++n) {
+    uint32_t index = n < 50 ? n : n + 131022;
+    for (int hdr = 0; hdr < 16; ++hdr) {
+      vindev_video_info_t info;
+      memset(&info, 0, sizeof(info));
+      info.mode = index;
+      info.hdrMode = static_cast<uint8_t>(hdr);
+      if (Request(IAV_IOC_VIN_GET_VIDEOINFO, &info) != 0) continue;
+      answered.insert({index, info.hdrMode});
+      // The fields at the offsets the track reads.
+      const uint8_t* raw = reinterpret_cast<const uint8_t*>(&info);
+      uint32_t width = 0;
+      uint32_t period = 0;
+      memcpy(&width, raw + 8, 4);
+      memcpy(&period, raw + 16, 4);
+      EXPECT_EQ(width, info.width);
+      EXPECT_EQ(period, info.framePeriod);
+      EXPECT_EQ(raw[31], hdr);
+      if (index == 0) {
+        EXPECT_EQ(period, kPeriod30);
+      } else if (index == 1) {
+        EXPECT_EQ(period, 8533333u);
+      } else if (index == 131072) {
+        EXPECT_EQ(period, 17083750u);  // 29.97
+      }
+    }
+  }
+  std::set<std::pair<uint32_t, int>> expected = {{0, 0}, {1, 0}, {2, 1}, {3, 0}, {131072, 0}};
+  EXPECT_EQ(answered, expected);
+
+  vcam_sensor_mode_t mine[] = {{5, 2, 1280, 960, 34133333}};
+  ASSERT_EQ(vcam_set_sensor_modes(mine, 1), 0);
+  vindev_video_info_t info;
+  memset(&info, 0, sizeof(info));
+  info.mode = 5;
+  info.hdrMode = 2;
+  ASSERT_EQ(Request(IAV_IOC_VIN_GET_VIDEOINFO, &info), 0);
+  EXPECT_EQ(info.height, 960u);
+  info.mode = 0;
+  info.hdrMode = 0;
+  EXPECT_EQ(Request(IAV_IOC_VIN_GET_VIDEOINFO, &info), EINVAL);
+}
+
+// Copies one item file into the region at its offset.
+bool CopyItem(const std::string& path, uint8_t* region, uint32_t offset) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  size_t n = fread(region + offset, 1, 65536 - offset, file);
+  fclose(file);
+  return n > 0;
+}
+
+TEST_F(VirtualCameraTest, MicrocodeLoadsFromTheFirmwareFiles) {
+  vcam_set_ucode_loaded(0);
+  EXPECT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), ENODEV);
+
+  char dir[] = "/tmp/vcam-fw-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  ASSERT_EQ(vcam_write_firmware(dir), 0);
+
+  int ucode = vdev_open(VDEV_PATH_UCODE, O_RDONLY);
+  ASSERT_GE(ucode, 0);
+  iav_ucode_version_t version;
+  memset(&version, 0xFF, sizeof(version));
+  ASSERT_EQ(vdev_ioctl(ucode, IAV_IOC_GET_UCODE_VERSION, &version), 0);
+  EXPECT_EQ(version.editionNum, 0u);
+  EXPECT_EQ(version.editionVer, 0u);
+  iav_ucode_load_t load;
+  memset(&load, 0, sizeof(load));
+  ASSERT_EQ(vdev_ioctl(ucode, IAV_IOC_GET_UCODE_INFO, &load), 0);
+  EXPECT_EQ(vdev_mmap(nullptr, load.mapSize, PROT_READ | PROT_WRITE, MAP_SHARED, ucode, 0), MAP_FAILED);
+  EXPECT_EQ(errno, EACCES);  // read-only descriptor
+  EXPECT_EQ(vdev_ioctl(ucode, IAV_IOC_UPDATE_UCODE, 0), -1);
+  vdev_close(ucode);
+
+  ucode = vdev_open(VDEV_PATH_UCODE, O_RDWR);
+  ASSERT_GE(ucode, 0);
+  ASSERT_GT(load.itemCount, 1);
+  void* mapped = vdev_mmap(nullptr, load.mapSize, PROT_READ | PROT_WRITE, MAP_SHARED, ucode, 0);
+  ASSERT_NE(mapped, MAP_FAILED);
+  uint8_t* region = static_cast<uint8_t*>(mapped);
+  EXPECT_EQ(vdev_ioctl(ucode, IAV_IOC_UPDATE_UCODE, 0), -1);  // nothing copied yet
+  EXPECT_EQ(errno, EINVAL);
+  for (int i = 0; i + 1 < load.itemCount; ++i)
+    ASSERT_TRUE(CopyItem(std::string(dir) + "/" + load.items[i].fileName, region, load.items[i].offset));
+  EXPECT_EQ(vdev_ioctl(ucode, IAV_IOC_UPDATE_UCODE, 0), -1);  // one item missing
+  int last = load.itemCount - 1;
+  ASSERT_TRUE(CopyItem(std::string(dir) + "/" + load.items[last].fileName, region, load.items[last].offset));
+  ASSERT_EQ(vdev_ioctl(ucode, IAV_IOC_UPDATE_UCODE, 0), 0);
+  ASSERT_EQ(vdev_ioctl(ucode, IAV_IOC_GET_UCODE_VERSION, &version), 0);
+  EXPECT_NE(version.editionNum | version.editionVer, 0u);
+  EXPECT_EQ(vcam_get_ucode_loaded(), 1);
+  EXPECT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
+  vdev_munmap(mapped, load.mapSize);
+  vdev_close(ucode);
+  for (int i = 0; i < load.itemCount; ++i) unlink((std::string(dir) + "/" + load.items[i].fileName).c_str());
+  rmdir(dir);
+}
+
+long long ReadNumber(const char* path, int* converted) {
+  FILE* file = vdev_fopen(path, "r");
+  if (file == nullptr) {
+    *converted = -2;
+    return 0;
+  }
+  long long value = 0;
+  *converted = fscanf(file, "%lld", &value);
+  fclose(file);
+  return value;
+}
+
+TEST_F(VirtualCameraTest, HardwareTimerFilesFollowTheClock) {
+  int converted = 0;
+  EXPECT_EQ(ReadNumber(VDEV_PATH_HWTIMER_OUTFREQ, &converted), VCAM_TIMER_FREQUENCY);
+  EXPECT_EQ(converted, 1);
+  long long before = ReadNumber(VDEV_PATH_HWTIMER, &converted);
+  EXPECT_EQ(converted, 1);
+  vcam_advance_ms(1500);
+  long long after = ReadNumber(VDEV_PATH_HWTIMER, &converted);
+  EXPECT_EQ(after - before, 1500LL * VCAM_TIMER_FREQUENCY / 1000);
+  EXPECT_EQ(static_cast<uint64_t>(after), vcam_timer_ticks());
+  EXPECT_EQ(vdev_fopen(VDEV_PATH_HWTIMER, "w"), nullptr);
+  // Other files are the kernel's.
+  FILE* file = vdev_fopen("/proc/self/stat", "r");
+  ASSERT_NE(file, nullptr);
+  fclose(file);
+}
+
+TEST_F(VirtualCameraTest, RequestFaultsOnceNTimesAlways) {
+  int32_t chip = 0;
+  vcam_fault_request(IAV_IOC_GET_CHIP_ID, EIO, 1);
+  EXPECT_EQ(Request(IAV_IOC_GET_CHIP_ID, &chip), EIO);
+  EXPECT_EQ(Request(IAV_IOC_GET_CHIP_ID, &chip), 0);
+
+  vcam_fault_request(IAV_IOC_ENTER_IDLE, EBUSY, 3);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), EBUSY);
+  EXPECT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
+
+  vcam_fault_request(IAV_IOC_QUERY_BUF, ENOMEM, VCAM_FAULT_ALWAYS);
+  iav_querybuf_t query;
+  memset(&query, 0, sizeof(query));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Request(IAV_IOC_QUERY_BUF, &query), ENOMEM);
+  vcam_fault_request(IAV_IOC_QUERY_BUF, 0, 0);
+  EXPECT_EQ(Request(IAV_IOC_QUERY_BUF, &query), 0);
+
+  vcam_fault_request(VCAM_OP_OPEN_IAV, ENOENT, 1);
+  EXPECT_EQ(vdev_open(VDEV_PATH_IAV, O_RDWR), -1);
+  EXPECT_EQ(errno, ENOENT);
+  vcam_fault_request(VCAM_OP_OPEN_UCODE, EACCES, 1);
+  EXPECT_EQ(vdev_open(VDEV_PATH_UCODE, O_RDONLY), -1);
+  EXPECT_EQ(errno, EACCES);
+  vcam_fault_request(VCAM_OP_MMAP, ENOMEM, 1);
+  EXPECT_EQ(vdev_mmap(nullptr, query.length, PROT_READ, MAP_SHARED, iav_, query.offset), MAP_FAILED);
+  EXPECT_EQ(errno, ENOMEM);
+  vcam_fault_request(VCAM_OP_OPEN_HWTIMER, ENOENT, 1);
+  int converted = 0;
+  ReadNumber(VDEV_PATH_HWTIMER, &converted);
+  EXPECT_EQ(converted, -2);
+  vcam_fault_request(VCAM_OP_READ_HWTIMER, 0, 1);
+  ReadNumber(VDEV_PATH_HWTIMER_OUTFREQ, &converted);
+  EXPECT_EQ(converted, EOF);
+  EXPECT_EQ(ReadNumber(VDEV_PATH_HWTIMER_OUTFREQ, &converted), VCAM_TIMER_FREQUENCY);
+
+  vcam_fault_request(IAV_IOC_GET_CHIP_ID, EIO, VCAM_FAULT_ALWAYS);
+  vcam_clear_faults();
+  EXPECT_EQ(Request(IAV_IOC_GET_CHIP_ID, &chip), 0);
+}
+
+}  // namespace
