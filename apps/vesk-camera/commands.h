@@ -1,0 +1,16 @@
+// The subcommands of vesk-camera. Each takes the arguments that follow its
+// name (argv[0] is the subcommand's name) and returns the process exit code:
+// 0 success, 2 bad usage or unusable input.
+#pragma once
+
+namespace vesk {
+namespace camera {
+
+constexpr int kExitOk = 0;
+constexpr int kExitUsage = 2;
+
+// vesk-camera settings [--as CLASS] FILE.json
+int CmdSettings(int argc, char** argv);
+
+}  // namespace camera
+}  // namespace vesk

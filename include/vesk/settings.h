@@ -1,0 +1,21 @@
+// The encoder settings tree: every settings class.
+#pragma once
+
+#include "vesk/settings/audioencodersettings.h"
+#include "vesk/settings/basebuffersizesettings.h"
+#include "vesk/settings/basecanvassettings.h"
+#include "vesk/settings/basechansettings.h"
+#include "vesk/settings/basechipcommonsettings.h"
+#include "vesk/settings/basechipdebugsettings.h"
+#include "vesk/settings/basechipsettings.h"
+#include "vesk/settings/baseencodersettings.h"
+#include "vesk/settings/basevideoencodersettings.h"
+#include "vesk/settings/basevinsettings.h"
+#include "vesk/settings/buffergeomsettings.h"
+#include "vesk/settings/buffersettings.h"
+#include "vesk/settings/canvassourcesettings.h"
+#include "vesk/settings/chipsettings.h"
+#include "vesk/settings/encodersettings.h"
+#include "vesk/settings/h264videoencodersettings.h"
+#include "vesk/settings/mjpgvideoencodersettings.h"
+#include "vesk/settings/videoencodersettings.h"
