@@ -1,0 +1,232 @@
+// Real H.264 and AAC frames through ContainerVesk and TransportUDP to a real
+// loopback socket, reassembled by the receiver; and the UDP send rules.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "basetransport.h"
+#include "log_capture.h"
+#include "outstream.h"
+#include "stream_test_util.h"
+#include "vesk/encoder.h"
+#include "vesk/variant/uri.h"
+
+namespace vesk {
+namespace test {
+namespace {
+
+using vesk::encoder::Encoder;
+using vesk::encoder::message_part_t;
+using vesk::encoder::message_t;
+using vesk::encoder::StreamInfo;
+using vesk::encoder::internal::BaseTransport;
+using vesk::encoder::internal::OutStream;
+using vesk::variant::URI;
+using vesk::variant::Variant;
+typedef std::vector<uint8_t> Bytes;
+
+uint32_t Be32(const uint8_t* p) {
+  return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
+}
+
+// Rebuilds frames from vesk packets, checking every header field on the way.
+class VeskReceiver {
+ public:
+  struct frame_t {
+    Bytes bytes;
+    uint64_t pts;
+    bool key;
+  };
+
+  // Returns false (with a reason) on the first malformed packet.
+  bool Take(const Bytes& packet, std::string& reason) {
+    if (packet.size() < 12 || packet.size() % 4 != 0) return Fail(reason, "size");
+    if (packet[0] != 0xA0 || (packet[0] ^ packet[1] ^ packet[2]) != packet[3]) {
+      return Fail(reason, "channel header");
+    }
+    uint16_t channel = (uint16_t)((packet[1] << 8) | packet[2]);
+    uint16_t flags = (uint16_t)((packet[4] << 8) | packet[5]);
+    uint16_t sequence = (uint16_t)((packet[6] << 8) | packet[7]);
+    if (channel == 5) {
+      milestones_++;
+      return true;
+    }
+    channel_t& ch = channels_[channel];
+    if (sequence != (uint16_t)(ch.lastSequence + 1)) return Fail(reason, "sequence gap");
+    ch.lastSequence = sequence;
+    size_t pos = 8;
+    bool first = flags & 0x8000;
+    if (first) {
+      if (!ch.current.bytes.empty()) return Fail(reason, "first packet inside a frame");
+      if ((flags & 0xFF) == 1) pos += 4;
+      if (!(flags & 0x0800)) return Fail(reason, "no timestamp");
+      if (flags & 0x0400) {
+        ch.current.pts = ((uint64_t)Be32(&packet[pos]) << 32) | Be32(&packet[pos + 4]);
+        pos += 8;
+      } else {
+        ch.current.pts = Be32(&packet[pos]);
+        pos += 4;
+      }
+      if (flags & 0x0200) pos += 4;
+      ch.current.key = flags & 0x2000;
+      ch.expected = 0;
+      if (!(flags & 0x4000)) {
+        ch.expected = Be32(&packet[pos]);
+        pos += 4;
+      }
+    } else if ((flags & 0xFF) != 0) {
+      return Fail(reason, "timescale code on a later packet");
+    }
+    uint32_t chunk = Be32(&packet[pos]);
+    pos += 4;
+    if (chunk > 1400 || pos + chunk > packet.size() || packet.size() - pos - chunk > 3) {
+      return Fail(reason, "chunk length");
+    }
+    ch.current.bytes.insert(ch.current.bytes.end(), packet.begin() + pos,
+                            packet.begin() + pos + chunk);
+    if (flags & 0x4000) {
+      if (ch.expected != 0 && ch.expected != ch.current.bytes.size()) {
+        return Fail(reason, "total frame length");
+      }
+      ch.frames.push_back(ch.current);
+      ch.current = frame_t();
+    }
+    return true;
+  }
+
+  const std::vector<frame_t>& Frames(uint16_t channel) { return channels_[channel].frames; }
+  int milestones() const { return milestones_; }
+
+ private:
+  struct channel_t {
+    uint16_t lastSequence = 0;
+    uint32_t expected = 0;
+    frame_t current;
+    std::vector<frame_t> frames;
+  };
+  static bool Fail(std::string& reason, const char* what) {
+    reason = what;
+    return false;
+  }
+  std::map<uint16_t, channel_t> channels_;
+  int milestones_ = 0;
+};
+
+TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
+  TempDir dir;
+  std::vector<h264_picture_t> pictures = MakeH264(dir, 640, 360, 50, 25);
+  std::vector<std::vector<uint8_t>> aac = MakeAac(dir, 48000, 1.0);
+  ASSERT_EQ(pictures.size(), 50u);
+  ASSERT_GT(aac.size(), 20u);
+
+  Encoder encoder;
+  UdpPeer peer;
+  OutStream stream(&encoder, 1);
+  Variant config;
+  config["type"] = "vesk";
+  config["destinations"][0u] = peer.Uri();
+  config["parameters"]["audioId"] = 2000;
+  config["parameters"]["videoId"] = 2001;
+  StreamInfo info = MakeStreamInfo(true, true);
+  ASSERT_TRUE(stream.Configure(config, info));
+
+  VeskReceiver receiver;
+  std::string reason;
+  // A ring a little larger than the largest picture, so that pictures wrap.
+  size_t largest = 0;
+  for (auto& picture : pictures) largest = std::max(largest, picture.bytes.size());
+  TestRing ring((uint32_t)largest + 5000);
+  size_t packets = 0;
+  for (size_t i = 0; i < pictures.size(); i++) {
+    video_frame_t frame;
+    ring.Place(pictures[i], (int64_t)i * 3600, frame);
+    ASSERT_TRUE(stream.FeedVideoFrame(&frame));
+    size_t expected = (pictures[i].bytes.size() + 1399) / 1400;
+    auto datagrams = peer.Receive(expected);
+    packets += datagrams.size();
+    for (auto& d : datagrams) ASSERT_TRUE(receiver.Take(d, reason)) << reason;
+    if (i < aac.size()) {
+      audio_frame_t audio = MakeAudioFrame(aac[i], (int64_t)i * 1024, 48000);
+      ASSERT_TRUE(stream.FeedAudioFrame(&audio));
+      for (auto& d : peer.Receive(1)) ASSERT_TRUE(receiver.Take(d, reason)) << reason;
+    }
+  }
+  EXPECT_GE(ring.wrapped(), 1u);
+  EXPECT_GT(packets, pictures.size());  // key pictures need several packets
+
+  auto& video = receiver.Frames(2001);
+  ASSERT_EQ(video.size(), pictures.size());
+  for (size_t i = 0; i < pictures.size(); i++) {
+    EXPECT_EQ(video[i].bytes, pictures[i].bytes) << i;
+    EXPECT_EQ(video[i].pts, i * 3600) << i;
+    EXPECT_EQ(video[i].key, pictures[i].key) << i;
+  }
+  auto& audio = receiver.Frames(2000);
+  size_t audioFrames = std::min(aac.size(), pictures.size());
+  ASSERT_EQ(audio.size(), audioFrames);
+  for (size_t i = 0; i < audioFrames; i++) {
+    EXPECT_EQ(audio[i].bytes, aac[i]) << i;
+    EXPECT_TRUE(audio[i].key);
+  }
+}
+
+TEST(UdpTransport, SendRules) {
+  LogCapture log;
+  UdpPeer peer;
+  URI uri;
+  ASSERT_TRUE(URI::FromString(peer.Uri(), true, uri));
+  BaseTransport* udp = BaseTransport::GetInstance(nullptr, uri);
+  ASSERT_NE(udp, nullptr);
+
+  // Parts are gathered into one datagram.
+  Bytes a = {1, 2, 3}, b = {4}, c = {5, 6};
+  message_part_t parts[3] = {{a.data(), a.size()}, {b.data(), b.size()}, {c.data(), c.size()}};
+  message_t message = {parts, 3, 6};
+  EXPECT_TRUE(udp->SendMessage(&message));
+  // An empty message goes out as an empty datagram.
+  message_t empty = {nullptr, 0, 0};
+  EXPECT_TRUE(udp->SendMessage(&empty));
+  auto datagrams = peer.Receive(2);
+  ASSERT_EQ(datagrams.size(), 2u);
+  EXPECT_EQ(datagrams[0], (Bytes{1, 2, 3, 4, 5, 6}));
+  EXPECT_TRUE(datagrams[1].empty());
+  EXPECT_TRUE(log.Lines().empty());
+
+  // Too large for a datagram: EMSGSIZE ends the transport.
+  Bytes huge(70000, 1);
+  message_part_t big = {huge.data(), huge.size()};
+  message_t tooLarge = {&big, 1, (uint32_t)huge.size()};
+  EXPECT_FALSE(udp->SendMessage(&tooLarge));
+  auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].message, "sendmsg failed");
+  EXPECT_EQ(lines[0].errorValue, EMSGSIZE);
+  EXPECT_EQ(lines[0].function, "SendMessage");
+  delete udp;
+
+  // A stream drops every transport whose send fails (nulled, not erased).
+  UdpPeer other;
+  Encoder encoder;
+  OutStream stream(&encoder, 0);
+  Variant config;
+  config["type"] = "passThrough";
+  config["destinations"][0u] = peer.Uri();
+  config["destinations"][1u] = other.Uri();
+  StreamInfo info = MakeStreamInfo(true, true);
+  ASSERT_TRUE(stream.Configure(config, info));
+  Bytes frameBytes(70000, 2);
+  TestRing ring(80000);
+  video_frame_t frame;
+  ring.PlaceBytes(frameBytes, 0, frame);
+  EXPECT_TRUE(stream.FeedVideoFrame(&frame));
+  EXPECT_EQ(stream.GetTransports()[0], nullptr);
+  EXPECT_EQ(stream.GetTransports()[1], nullptr);
+  Bytes small = {7, 7};
+  audio_frame_t audio = MakeAudioFrame(small, 0, 16000);
+  EXPECT_TRUE(stream.FeedAudioFrame(&audio));  // no transport left: nothing sent
+  EXPECT_EQ(other.Receive(0).size(), 0u);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vesk
