@@ -1,0 +1,218 @@
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "audio_test_util.h"
+#include "log_capture.h"
+#include "motiondetectionthread.h"
+#include "outstream.h"
+#include "vesk/encoder.h"
+#include "vesk/ipc/ipc.h"
+#include "vesk/variant/camerainfo.h"
+#include "vesk/virtualcam/virtualcam.h"
+
+using vesk::encoder::Encoder;
+using vesk::encoder::EncoderSettings;
+using vesk::test::LogCapture;
+using vesk::variant::Variant;
+
+namespace {
+
+// One H.264 stream of 320x180 on the first source buffer, recorded as FLV.
+EncoderSettings Settings(const std::string& flvPath, unsigned fps = 30) {
+  std::string text = R"({
+    "chip": {"vin0": {"enabled": true},
+             "chan0": {"enabled": true,
+                       "buffer0": {"enabled": true,
+                                   "max_output": {"width": 320, "height": 180},
+                                   "output": {"width": 320, "height": 180}}}},
+    "audio": {"enabled": false, "mode": 0, "sampleRate": 16000, "channels": 1,
+              "bitRate": 32000},
+    "video": {"vinFps": 30,
+              "video1": {"enabled": true, "streamId": 0, "sourceId": 0, "width": 320,
+                         "height": 180, "fps": FPS, "M": 1, "N": 15,
+                         "bitRateVbrMax": 400000,
+                         "avSerializer": {"type": "flv", "destinations": ["file://PATH?continuous"]}}}
+  })";
+  text.replace(text.find("PATH"), 4, flvPath);
+  text.replace(text.find("FPS"), 3, std::to_string(fps));
+  Variant v;
+  std::string error;
+  EXPECT_TRUE(Variant::FromJson(text, v, error)) << error;
+  return EncoderSettings(v);
+}
+
+class EncoderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    vcam_reset();
+    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
+    vesk::test::UseVirtualSoundCard("free=0");
+  }
+  void TearDown() override { vcam_reset(); }
+
+  // Pumps while the virtual camera's clock advances by ms, one frame period at a time.
+  int Pump(Encoder& encoder, unsigned ms) {
+    int moved = 0;
+    for (unsigned t = 0; t < ms; t += 33) {
+      vcam_advance_ms(33);
+      for (int i = 0; i < 4; i++) {
+        int n = encoder.EncodeFrames();
+        if (n <= 0) break;
+        moved += n;
+      }
+    }
+    return moved;
+  }
+};
+
+}  // namespace
+
+TEST_F(EncoderTest, RecordsADecodableFlvAndBroadcastsTheStateEvents) {
+  std::vector<std::string> events;
+  int listener = vesk::ipc::Ipc::GetInstance().AddListener(
+      [&](const Variant& m) { events.push_back((std::string)m["functionName"]); });
+  std::string path = "/tmp/vesk_encoder_test.flv";
+  unlink(path.c_str());
+  {
+    Encoder encoder;
+    ASSERT_TRUE(encoder.Configure(Settings(path), true));
+    EXPECT_NE(nullptr, encoder.GetOutStream(0));
+    EXPECT_GE(Pump(encoder, 2000), 50);
+    encoder.Close();
+    EXPECT_TRUE(encoder.GetCurrentSettings().IsUndefined());
+  }
+  vesk::ipc::Ipc::GetInstance().RemoveListener(listener);
+  ASSERT_GE(events.size(), 2u);
+  EXPECT_EQ("EventIavStateEnterIdle", events[0]);
+  EXPECT_NE(events.end(), std::find(events.begin(), events.end(), "EventIavStateEnterEncode"));
+
+  int status = 0;
+  std::string probe = vesk::test::RunCommand(
+      "ffprobe -v error -count_frames -show_streams " + path + " 2>&1", &status);
+  EXPECT_NE(std::string::npos, probe.find("codec_name=h264")) << probe;
+  EXPECT_NE(std::string::npos, probe.find("width=320")) << probe;
+  EXPECT_NE(std::string::npos, probe.find("height=180")) << probe;
+  std::string errors =
+      vesk::test::RunCommand("ffmpeg -v error -i " + path + " -f null - 2>&1", &status);
+  EXPECT_EQ("", errors);
+  EXPECT_EQ(0, status);
+}
+
+TEST_F(EncoderTest, LifecycleRulesWithoutTracksAndWithoutDefaults) {
+  LogCapture log;
+  Encoder encoder;
+  EXPECT_EQ(-1, encoder.EncodeFrames());
+  EXPECT_TRUE(log.Has("Encoding permanently failed"));
+  EXPECT_FALSE(encoder.ForceIDR());
+  EXPECT_TRUE(log.Has("No video encoder configured"));
+  EXPECT_FALSE(encoder.ResetToDefaults());
+  EXPECT_TRUE(log.Has("No default settings present"));
+
+  // Configured without saving defaults: still none, and the running
+  // configuration is left untouched by the refused reset.
+  ASSERT_TRUE(encoder.Configure(Settings("/tmp/vesk_encoder_nodefault.flv"), false));
+  EXPECT_FALSE(encoder.ResetToDefaults());
+  EXPECT_NE(nullptr, encoder.GetOutStream(0));
+  EXPECT_GT(Pump(encoder, 300), 0);
+
+  // A second Configure keeps one motion detection thread.
+  auto* motion = vesk::encoder::internal::MotionDetectionThread::_pMotionDetectionThread;
+  ASSERT_NE(nullptr, motion);
+  ASSERT_TRUE(encoder.Configure(Settings("/tmp/vesk_encoder_nodefault.flv"), true));
+  EXPECT_EQ(motion, vesk::encoder::internal::MotionDetectionThread::_pMotionDetectionThread);
+  EXPECT_TRUE(encoder.ResetToDefaults());
+  EXPECT_NE(nullptr, encoder.GetOutStream(0));
+}
+
+TEST_F(EncoderTest, AudioThatCannotStartLeavesAWorkingVideoOnlyEncoder) {
+  LogCapture log;
+  EncoderSettings settings = Settings("/tmp/vesk_encoder_noaudio.flv");
+  settings["audio"]["enabled"] = true;
+  settings["audio"]["bitRate"] = 7999;  // not a valid triplet
+  Encoder encoder;
+  ASSERT_TRUE(encoder.Configure(settings, false));
+  EXPECT_TRUE(log.Has("Audio setup failed. Permanently closing the audio track"));
+  EXPECT_GT(Pump(encoder, 300), 0);
+  const vesk::encoder::StreamInfo& info = encoder.GetOutStream(0)->GetStreamInfo();
+  EXPECT_FALSE(info.hasAudio());
+  EXPECT_EQ(0u, info.audioFrequency()) << "audio keys keep their defaults";
+  EXPECT_TRUE(info.hasVideo());
+  EXPECT_EQ(320u, info.videoWidth());
+
+  // "enabled" given as text means disabled: no audio line at all.
+  log.Clear();
+  settings["audio"]["enabled"] = "true";
+  ASSERT_TRUE(encoder.Configure(settings, false));
+  EXPECT_FALSE(log.Contains("Audio setup failed"));
+}
+
+TEST_F(EncoderTest, DriftAllowanceFollowsTheSlowerTrack) {
+  LogCapture log;
+  Encoder encoder;
+  // Video only at 25 fps: 8 x 3600 ticks of 90 kHz.
+  ASSERT_TRUE(encoder.Configure(Settings("/tmp/vesk_encoder_drift.flv", 25), false));
+  EXPECT_TRUE(log.Has("drift allowed on channel video1: 320 ms"));
+  const auto& drift = encoder.GetOutStream(0)->GetMaxAllowedDrift();
+  EXPECT_EQ(28800, drift.value);
+  EXPECT_EQ(90000u, drift.timescale);
+  // The same allowance again changes nothing and logs nothing.
+  log.Clear();
+  EXPECT_TRUE(encoder.UpdateDriftAllowance());
+  EXPECT_FALSE(log.Contains("drift allowed"));
+
+  // Audio at 16 kHz with video at 30 fps: the audio period wins, 8 x 1024.
+  EncoderSettings withAudio = Settings("/tmp/vesk_encoder_drift.flv", 30);
+  withAudio["audio"]["enabled"] = true;
+  log.Clear();
+  ASSERT_TRUE(encoder.Configure(withAudio, false));
+  EXPECT_TRUE(log.Has("drift allowed on channel video1: 512 ms"));
+  EXPECT_EQ(8192, encoder.GetOutStream(0)->GetMaxAllowedDrift().value);
+  EXPECT_EQ(16000u, encoder.GetOutStream(0)->GetMaxAllowedDrift().timescale);
+
+  Variant outOfRange;
+  outOfRange["streamOrdinal"] = 5;
+  EXPECT_FALSE(encoder.UpdateDriftAllowance(outOfRange, nullptr));
+  EXPECT_TRUE(log.Has("Stream ordinal out of range: 5. Max is 5"));
+}
+
+TEST_F(EncoderTest, AudioRunningAheadOfVideoTriggersARebaseOfBothTracks) {
+  LogCapture log;
+  // A free-running sound card races ahead of the camera's manual clock.
+  vesk::test::UseVirtualSoundCard("free=1");
+  EncoderSettings settings = Settings("/tmp/vesk_encoder_rebase.flv");
+  settings["audio"]["enabled"] = true;
+  Encoder encoder;
+  ASSERT_TRUE(encoder.Configure(settings, false));
+  for (int i = 0; i < 100 && !log.Has("Timestamp rebase needed"); i++) {
+    Pump(encoder, 66);
+    usleep(10000);
+  }
+  EXPECT_TRUE(log.Has("Timestamp rebase needed"));
+  EXPECT_TRUE(log.Contains("streamOrdinal: 0: "));
+}
+
+TEST_F(EncoderTest, StreamNamesComeFromParametersOrTheHardwareAddress) {
+  EncoderSettings settings = Settings("/tmp/vesk_encoder_names.flv");
+  settings["video"]["video1"]["avSerializer"]["parameters"]["streamName"] = "  cam  ";
+  Encoder encoder;
+  ASSERT_TRUE(encoder.Configure(settings, false));
+  EXPECT_EQ("cam", encoder.GetOutStream(0)->GetStreamInfo().streamName());
+
+  vesk::variant::CameraInfo::OverrideHwaddr("AABBCCDDEEFF");
+  Variant element = encoder.GetCurrentSettings()["video"]["video1"];
+  element["streamOrdinal"] = 2;
+  Variant config;
+  config["type"] = "flv";
+  config["destinations"].IsArray(true);
+  vesk::encoder::internal::OutStream* stream = encoder.CreateOutStream(element, config);
+  vesk::variant::CameraInfo::OverrideHwaddr("");
+  ASSERT_NE(nullptr, stream);
+  EXPECT_EQ("AABBCCDDEEFF_2", stream->GetStreamInfo().streamName());
+  EXPECT_EQ(2u, stream->GetStreamInfo().channelId());
+  EXPECT_EQ(0u, stream->GetTransports().size()) << "a stream with no transport is valid";
+  delete stream;
+}

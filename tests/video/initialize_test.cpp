@@ -1,0 +1,436 @@
+// Initialize in its fourteen steps on the virtual camera: microcode, states
+// and their events, chip, sensor modes, VIN, budget, resources, source
+// buffers, encodings, and every driver failure with its exact line.
+#include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "vesk/device/iav.h"
+#include "video_fixture.h"
+
+namespace vesk {
+namespace test {
+namespace {
+
+const stream_spec_t kVideo1 = {"video1", 640, 360, 30, 0, 400000};
+const stream_spec_t kVideo2 = {"video2", 320, 180, 15, 1, 200000};
+const stream_spec_t kVideo3 = {"video3", 320, 176, 10, 2, 100000};
+const stream_spec_t kMjpg = {"mjpg", 320, 180, 5, 3, 80};
+
+TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
+  AddStream(kVideo1);
+  TrackEncoderVideoS2L& track = MakeTrack();
+  ASSERT_TRUE(track.Initialize());
+  EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle"}));
+  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_PREVIEW);
+  EXPECT_EQ(track.GetUcodeFd(), -1);  // microcode already resident: closed again
+  EXPECT_TRUE(log_.Has("Microcode version 2.7 - 14/3/2016"));
+  EXPECT_TRUE(log_.Has("S2L_66 chip detected capable of 633420Mbps"));
+  EXPECT_TRUE(log_.Has("System has following frequencies: cortex: 1008MHz; idsp: 504MHz; core: 432MHz; dram: 660MHz"));
+  EXPECT_TRUE(log_.Has("Sensor[0] setup at 1920x1080@30 in HDR mode 0 able to encode 633420Mbps"));
+  EXPECT_TRUE(log_.Has("Encoding 640x360@30 requires 27600Mbps out of 633420Mbps"));
+  EXPECT_TRUE(log_.Has("Setup is using 27600Mbps out of 633420Mbps (%4.36)"));
+  EXPECT_EQ(Status().vinMode, 1u);  // 1080p at 60 is the best mode, run at 30
+  EXPECT_EQ(Status().vinFramePeriod, 17066667u);
+
+  Variant& v1 = Stream("video1");
+  EXPECT_EQ((std::string)v1["name"], "video1");
+  EXPECT_EQ((unsigned)v1["streamOrdinal"], 0u);
+  EXPECT_EQ((int)v1["streamId"], 0);
+  EXPECT_EQ((unsigned)v1["maxFps"], 30u);
+  EXPECT_EQ((unsigned)settings_.video()["vinFps"], 30u);
+  Variant& rates = v1["validFpsValues"];
+  ASSERT_EQ(rates.MapSize(), 17u);  // the divisors of 90000 up to 30
+  EXPECT_EQ((unsigned)rates[0], 1u);
+  EXPECT_EQ((unsigned)rates[6], 8u);
+  EXPECT_EQ((unsigned)rates[15], 25u);
+  EXPECT_EQ((unsigned)rates[16], 30u);
+  EXPECT_FALSE(Stream("video2").HasKey("streamOrdinal"));
+
+  vcam_stream_status_t s = StreamStatus(0);
+  EXPECT_EQ(s.type, IAV_STREAM_TYPE_H264);
+  EXPECT_EQ(s.width, 640u);
+  EXPECT_EQ(s.height, 360u);
+  EXPECT_EQ(s.M, 1u);
+  EXPECT_EQ(s.N, 10u);
+  EXPECT_EQ(s.fpsNumerator, 30u);
+  EXPECT_EQ(s.fpsDenominator, 30u);
+  EXPECT_EQ(s.idrInterval, 30u);
+  EXPECT_EQ(s.rcMode, IAV_BRC_MODE_VBR);
+  EXPECT_EQ(s.targetBitrate, 400000u);
+  EXPECT_GE(s.forcedIdrs, 1u);
+
+  iav_system_resource_t resource;
+  vcam_get_system_resource(&resource);
+  EXPECT_EQ(resource.maxEncodeStreams, 4u);
+  EXPECT_EQ(resource.exposureNum, 1u);
+  EXPECT_EQ(resource.systemId, 0x1234u);
+  EXPECT_EQ(resource.options & IAV_SYSRES_OPT_ME0_SCALE_MASK, 2u);
+  EXPECT_EQ(resource.stream[0].maxWidth, 640u);
+  EXPECT_EQ(resource.stream[0].maxM, 3u);
+  iav_srcbuf_setup_t buffers;
+  vcam_get_source_buffers(&buffers);
+  EXPECT_EQ(buffers.type[0], IAV_SRCBUF_TYPE_ENCODE);
+  EXPECT_EQ(buffers.size[0].width, 640u);
+  EXPECT_EQ(buffers.type[1], IAV_SRCBUF_TYPE_OFF);
+
+  ASSERT_TRUE(track.StartEncoding());
+  EXPECT_EQ(Status().lastStartArgument, 0x00010001u);
+  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_ENCODE);
+  ASSERT_TRUE(track.StopEncoding());
+  EXPECT_EQ(Status().lastStopArgument, 0x00010001u);
+  EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle", "EventIavStateEnterEncode",
+                                               "EventIavStateExitEncode"}));
+  // A second Initialize starts from scratch on the same track.
+  ASSERT_TRUE(track.Initialize());
+  EXPECT_EQ(events_.back(), "EventIavStateEnterIdle");
+}
+
+TEST_F(VideoTrackTest, StreamBitsAreDenseAndHrdDropsTheHighCopy) {
+  AddStream(kVideo2);
+  AddStream(kVideo3);
+  AddStream(kMjpg);
+  ASSERT_TRUE(InitializeAndStart());
+  EXPECT_EQ(Status().lastStartArgument, 0x00070007u);
+  EXPECT_EQ((unsigned)Stream("video2")["streamOrdinal"], 0u);
+  EXPECT_EQ((unsigned)Stream("video3")["streamOrdinal"], 1u);
+  EXPECT_EQ((unsigned)Stream("mjpg")["streamOrdinal"], 2u);
+  EXPECT_EQ((std::string)Stream("mjpg")["name"], "mjpg");
+  EXPECT_EQ(StreamStatus(2).type, IAV_STREAM_TYPE_MJPEG);
+  EXPECT_EQ(StreamStatus(2).quality, 80u);
+  EXPECT_EQ(StreamStatus(2).fpsNumerator, 5u);
+  EXPECT_EQ(StreamStatus(1).fpsNumerator, 10u);
+  // Rate control targets count at the VIN rate: 200000 at 15 of 30 is 400000.
+  EXPECT_EQ(StreamStatus(0).targetBitrate, 400000u);
+  EXPECT_EQ(StreamStatus(1).targetBitrate, 300000u);
+  ASSERT_TRUE(track_->StopEncoding());
+  EXPECT_EQ(Status().lastStopArgument, 0x00070007u);
+
+  settings_.video()["enableHrd"] = true;
+  ASSERT_TRUE(InitializeAndStart());
+  EXPECT_EQ(Status().lastStartArgument, 0x7u);
+}
+
+TEST_F(VideoTrackTest, OnlyVideo3AndNoStreamAtAll) {
+  AddStream(kVideo3);
+  ASSERT_TRUE(InitializeAndStart());
+  EXPECT_EQ(Status().lastStartArgument, 0x00010001u);
+  EXPECT_EQ((int)Stream("video3")["streamId"], 0);
+  EXPECT_EQ(StreamStatus(0).width, 320u);
+
+  Stream("video3")["enabled"] = false;
+  log_.Clear();
+  ASSERT_TRUE(InitializeAndStart());
+  EXPECT_EQ(Status().lastStartArgument, 0u);
+  EXPECT_EQ(vcam_request_count(IAV_IOC_START_ENCODE), 2u);
+  EXPECT_TRUE(log_.Has("Setup is using 0Mbps out of 633420Mbps (%0.00)"));
+}
+
+TEST_F(VideoTrackTest, Mjpg1WinsOverMjpgAndMjpg2TakesTheNextSlot) {
+  AddStream(kVideo1);
+  AddStream(kMjpg);
+  stream_spec_t mjpg1 = {"mjpg1", 640, 360, 10, 0, 50};
+  stream_spec_t mjpg2 = {"mjpg2", 640, 360, 2, 0, 30};
+  AddStream(mjpg1);
+  AddStream(mjpg2);
+  ASSERT_TRUE(InitializeAndStart());
+  EXPECT_FALSE(Stream("mjpg").HasKey("streamOrdinal"));
+  EXPECT_EQ((unsigned)Stream("mjpg1")["streamOrdinal"], 1u);
+  EXPECT_EQ((unsigned)Stream("mjpg2")["streamOrdinal"], 2u);
+  EXPECT_EQ(StreamStatus(1).quality, 50u);
+  EXPECT_EQ(StreamStatus(2).quality, 30u);
+  EXPECT_EQ(Status().lastStartArgument, 0x00070007u);
+}
+
+TEST_F(VideoTrackTest, BudgetAcceptsExactlyTheCapacityAndRefusesOneMore) {
+  vcam_set_chip_id(0);  // S2L_22M: 216000
+  AddStream({"video1", 160, 192, 30, 0, 400000});
+  AddStream({"video2", 1888, 960, 30, 1, 400000});
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Setup is using 216000Mbps out of 216000Mbps (%100.00)"));
+
+  settings_ = EncoderSettings();
+  settings_.video()["vinFps"] = (unsigned short)30;
+  AddStream({"video1", 1712, 1056, 30, 0, 400000});
+  AddStream({"video2", 1616, 656, 1, 1, 400000});
+  log_.Clear();
+  events_.clear();
+  uint32_t modesBefore = vcam_request_count(IAV_IOC_VIN_SET_MODE);
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Encoding 1616x656@1 requires 4141Mbps out of 216000Mbps"));
+  EXPECT_TRUE(log_.Has("Mbps exceeded: wanted: 216001; max: 216000"));
+  EXPECT_EQ(vcam_request_count(IAV_IOC_VIN_SET_MODE), modesBefore);  // the driver was not touched
+  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_IDLE);
+  EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle"}));
+}
+
+TEST_F(VideoTrackTest, BudgetClampsSizesAndRatesIntoTheVin) {
+  AddStream({"video1", 1282, 722, 30, 0, 400000});
+  Variant& v2 = settings_.video()["video2"];
+  v2["enabled"] = true;  // no size, no rate: the VIN's
+  v2["M"] = 1u;
+  v2["sourceId"] = 1u;
+  Variant& v3 = settings_.video()["video3"];
+  v3["enabled"] = true;
+  v3["width"] = 100u;
+  v3["height"] = 5000u;
+  v3["fps"] = (unsigned char)0;
+  v3["M"] = 1u;
+  v3["sourceId"] = 2u;
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Encoding 1282x722@30 requires 111780Mbps out of 633420Mbps"));
+  EXPECT_EQ((unsigned)Stream("video2")["width"], 1920u);
+  EXPECT_EQ((unsigned)Stream("video2")["height"], 1080u);
+  EXPECT_EQ((unsigned)Stream("video2")["fps"], 30u);
+  EXPECT_TRUE(log_.Has("FPS value corrected. Max FPS: 30; Wanted FPS: 255; Correct FPS: 30"));
+  EXPECT_TRUE(log_.Has("FPS value corrected. Max FPS: 30; Wanted FPS: 0; Correct FPS: 1"));
+  EXPECT_EQ((unsigned)Stream("video3")["width"], 160u);
+  EXPECT_EQ((unsigned)Stream("video3")["height"], 1080u);
+  EXPECT_EQ((unsigned)Stream("video3")["fps"], 1u);
+}
+
+TEST_F(VideoTrackTest, GopRulesForceMOneAndCheckTheRate) {
+  AddStream(kVideo1);
+  Stream("video1")["M"] = 2u;
+  Stream("video1")["gopModel"] = 7u;
+  settings_.video()["lowDelay"] = true;
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("lowDelay flag is true while M is not 1. Making M = 1 by force"));
+  EXPECT_EQ((unsigned)Stream("video1")["M"], 1u);
+  EXPECT_EQ((unsigned)Stream("video1")["gopModel"], 4u);
+  iav_system_resource_t resource;
+  vcam_get_system_resource(&resource);
+  EXPECT_EQ(resource.stream[0].maxM, 1u);
+
+  settings_.video()["lowDelay"] = false;
+  Stream("video1")["M"] = 2u;
+  Stream("video1")["fps"] = (unsigned char)4;
+  log_.Clear();
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("FPS is lower than M"));
+  EXPECT_TRUE(log_.Has("Unable to setup framerate"));
+  EXPECT_TRUE(log_.Contains("Unable to setup encoding:\n"));
+  Stream("video1")["fps"] = (unsigned char)5;
+  EXPECT_TRUE(MakeTrack().Initialize());
+  EXPECT_EQ(StreamStatus(0).M, 2u);
+}
+
+TEST_F(VideoTrackTest, HdrIsClampedToTheSensorAndToTwoExposures) {
+  const uint32_t p30 = 17066667;
+  vcam_sensor_mode_t modes[] = {{0, 0, 1920, 1080, p30}, {0, 1, 1920, 1080, p30}, {0, 2, 1920, 1080, p30},
+                                {5, 0, 2592, 1944, 17083750}};
+  ASSERT_EQ(vcam_set_sensor_modes(modes, 4), 0);
+  AddStream(kVideo1);
+  Stream("video1")["M"] = 3u;
+  settings_.video()["hdrMode"] = (unsigned char)3;
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Maximum supported HDR mode is 2. Requested was 3. Lowering down to 2"));
+  EXPECT_TRUE(log_.Has("S2L and S2Lm does not support 3X HDR and above. Lowering down to 2X"));
+  EXPECT_TRUE(log_.Has("When HDR is active, M can only be 1"));
+  EXPECT_EQ(Status().vinHdrMode, 1u);
+  EXPECT_EQ(Status().vinWidth, 1920u);  // the 29.97 mode is never chosen
+  EXPECT_EQ((unsigned)settings_.video()["hdrMode"], 3u);
+  iav_system_resource_t resource;
+  vcam_get_system_resource(&resource);
+  EXPECT_EQ(resource.exposureNum, 2u);
+}
+
+TEST_F(VideoTrackTest, VinRateFollowsVinFps) {
+  AddStream(kVideo1);
+  settings_.video()["vinFps"] = (unsigned short)0;
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_EQ((unsigned)settings_.video()["vinFps"], 60u);
+  EXPECT_EQ(Status().vinFramePeriod, 8533333u);
+  EXPECT_FALSE(log_.Contains("Wanted FPS: 0"));
+
+  settings_.video()["vinFps"] = (unsigned short)7;
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("FPS value corrected. Max FPS: 60; Wanted FPS: 7; Correct FPS: 6"));
+  EXPECT_EQ((unsigned)settings_.video()["vinFps"], 6u);
+  EXPECT_EQ(Status().vinFramePeriod, 85333333u);
+
+  vcam_sensor_mode_t odd[] = {{0, 0, 1920, 1080, 17083750}};
+  ASSERT_EQ(vcam_set_sensor_modes(odd, 1), 0);
+  log_.Clear();
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Unable to properly translate the FPS value"));
+}
+
+TEST_F(VideoTrackTest, ChipRowsFollowTheReportedId) {
+  AddStream(kVideo1);
+  vcam_set_chip_id(7);
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("S2L_99 chip detected capable of 0Mbps"));
+  EXPECT_TRUE(log_.Has("Mbps exceeded: wanted: 27600; max: 0"));
+  vcam_set_chip_id(1);
+  EXPECT_TRUE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("S2L_33M chip detected capable of 305340Mbps"));
+  EXPECT_EQ(encoder::internal::GetChipPerformance(), 305340u);
+  // Id 8 passes the range test and reads the row past the table.
+  vcam_set_chip_id(8);
+  EXPECT_EQ(encoder::internal::GetChipPerformance(), 0u);
+}
+
+TEST_F(VideoTrackTest, UnidentifiableChipsEndTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  vcam_set_chip_id(-1);
+  EXPECT_DEATH(encoder::internal::GetChip(), "chipId not properly detected");
+  vcam_set_chip_id(9);
+  EXPECT_DEATH(encoder::internal::GetChip(), "chipId is out of the known range of chip IDs. Max value is 9\\.");
+  vcam_set_chip_id(5);
+  vcam_fault_request(IAV_IOC_GET_CHIP_ID, EIO, 1);
+  EXPECT_DEATH(encoder::internal::GetChip(), "IAV_IOC_GET_CHIP_ID failed");
+  vcam_clear_faults();
+  vcam_fault_request(VCAM_OP_OPEN_IAV, ENOENT, 1);
+  EXPECT_DEATH(encoder::internal::GetChip(), "Opening IAV failed");
+  vcam_clear_faults();
+}
+
+struct failure_case_t {
+  unsigned long request;
+  const char* line;
+  bool idleSent;
+};
+
+TEST_F(VideoTrackTest, EachDriverFailureLogsItsLineAndStopsInitialize) {
+  const failure_case_t cases[] = {
+      {VCAM_OP_OPEN_UCODE, "Opening ucode failed", false},
+      {IAV_IOC_GET_UCODE_VERSION, "IAV_IOC_GET_UCODE_VERSION failed", false},
+      {VCAM_OP_OPEN_IAV, "Opening IAV failed", false},
+      {IAV_IOC_ENTER_IDLE, "IAV_IOC_ENTER_IDLE failed", false},
+      {IAV_IOC_VIN_SET_MODE, "IAV_IOC_VIN_SET_MODE failed", true},
+      {IAV_IOC_VIN_SET_FPS, "IAV_IOC_VIN_SET_FPS failed", true},
+      {IAV_IOC_GET_SYSTEM_RESOURCE, "IAV_IOC_GET_SYSTEM_RESOURCE failed", true},
+      {IAV_IOC_SET_SYSTEM_RESOURCE, "IAV_IOC_SET_SYSTEM_RESOURCE failed", true},
+      {IAV_IOC_GET_SOURCE_BUFFER_SETUP, "IAV_IOC_GET_SOURCE_BUFFER_SETUP failed", true},
+      {IAV_IOC_SET_SOURCE_BUFFER_SETUP, "IAV_IOC_SET_SOURCE_BUFFER_SETUP failed", true},
+      {IAV_IOC_GET_STREAM_FORMAT, "IAV_IOC_GET_STREAM_FORMAT failed", true},
+      {IAV_IOC_SET_STREAM_FORMAT, "IAV_IOC_SET_STREAM_FORMAT failed", true},
+      {IAV_IOC_GET_H264_CONFIG, "IAV_IOC_GET_H264_CONFIG failed", true},
+      {IAV_IOC_SET_H264_CONFIG, "IAV_IOC_SET_H264_CONFIG failed", true},
+      {IAV_IOC_SET_STREAM_CONFIG, "IAV_IOC_SET_STREAM_CONFIG failed", true},
+      {IAV_IOC_GET_STREAM_CONFIG, "IAV_IOC_GET_STREAM_CONFIG failed", true},
+      {IAV_IOC_QUERY_BUF, "IAV_IOC_QUERY_BUF failed", true},
+      {IAV_IOC_ENABLE_PREVIEW, "IAV_IOC_ENABLE_PREVIEW failed", true},
+  };
+  AddStream(kVideo1);
+  for (const failure_case_t& c : cases) {
+    SCOPED_TRACE(c.line);
+    vcam_reset();
+    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
+    log_.Clear();
+    events_.clear();
+    vcam_fault_request(c.request, EIO, 1);
+    EXPECT_FALSE(MakeTrack().Initialize());
+    bool found = false;
+    for (const captured_line_t& line : log_.Lines())
+      if (line.message == c.line && line.priority == VESK_PRIO_ERROR && line.errorValue == EIO) found = true;
+    EXPECT_TRUE(found);
+    EXPECT_EQ(!events_.empty(), c.idleSent);
+    EXPECT_NE(Status().iavState, VCAM_IAV_STATE_PREVIEW);
+  }
+  vcam_clear_faults();
+  // The format failures are told again by the stream set-up.
+  vcam_fault_request(IAV_IOC_SET_STREAM_FORMAT, EBUSY, 1);
+  log_.Clear();
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Unable to set the encoding format"));
+  vcam_fault_request(VCAM_OP_MMAP, ENOMEM, 1);
+  log_.Clear();
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Unable to mmap memory"));
+  // A failed start sends no event.
+  ASSERT_TRUE(MakeTrack().Initialize());
+  events_.clear();
+  vcam_fault_request(IAV_IOC_START_ENCODE, EINVAL, 1);
+  EXPECT_FALSE(track_->StartEncoding());
+  EXPECT_TRUE(log_.Has("start ? IAV_IOC_START_ENCODE : IAV_IOC_STOP_ENCODE failed"));
+  EXPECT_TRUE(events_.empty());
+  ASSERT_TRUE(track_->StartEncoding());
+  vcam_fault_request(IAV_IOC_STOP_ENCODE, EIO, 1);
+  log_.Clear();
+  EXPECT_FALSE(track_->StopEncoding());
+  EXPECT_EQ(log_.Count("start ? IAV_IOC_START_ENCODE : IAV_IOC_STOP_ENCODE failed"), 1u);
+  EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterEncode"}));
+}
+
+TEST_F(VideoTrackTest, StreamRangeErrorsFailBeforeTheDriver) {
+  AddStream({"video1", 320, 180, 5, 0, 400000});
+  AddStream({"video2", 320, 180, 5, 1, 400000});
+  AddStream({"video3", 320, 180, 5, 2, 400000});
+  AddStream({"mjpg", 320, 180, 5, 3, 0});
+  AddStream({"mjpg2", 320, 180, 5, 3, 70});
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("Invalid quality value (it should be 1-100, 0 given)"));
+  Stream("mjpg")["quality"] = (unsigned char)60;
+  log_.Clear();
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_TRUE(log_.Has("streamId (4) should be in range [0..3]"));
+  EXPECT_EQ((unsigned)Stream("mjpg2")["streamOrdinal"], 4u);
+}
+
+TEST_F(VideoTrackTest, CbrSettingsStillProgramTheVbrMaximum) {
+  AddStream({"video1", 320, 180, 15, 0, 400000});
+  Stream("video1")["isCbr"] = true;
+  Stream("video1")["bitRateCbrAvg"] = 20000u;
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_EQ(StreamStatus(0).rcMode, IAV_BRC_MODE_VBR);
+  EXPECT_EQ(StreamStatus(0).targetBitrate, 800000u);  // 400000 x 30 / 15
+  EXPECT_EQ(track_->FixBitrate(0, 1000), 2000u);
+  // The starting QP of the stream's size: 320x180 is nearest to 352x240.
+  EXPECT_EQ(track_->CalculateTargetQP(400000, 0), 15);
+  EXPECT_EQ(track_->CalculateTargetQP(900000, 0), 13);
+}
+
+TEST_F(VideoTrackTest, SystemIdAndCameraInfoFailure) {
+  AddStream(kVideo1);
+  variant::CameraInfo::SetFailInit(true);
+  EXPECT_FALSE(MakeTrack().Initialize());
+  variant::CameraInfo::SetFailInit(false);
+  EXPECT_TRUE(log_.Has("Unable to initialize camera information"));
+  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_IDLE);
+}
+
+TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
+  char dir[] = "/tmp/vesk_video_fw_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  ASSERT_EQ(vcam_write_firmware(dir), 0);
+  vcam_set_ucode_loaded(0);
+  AddStream(kVideo1);
+  settings_["firmwarePath"] = std::string(dir) + "/";
+  ASSERT_TRUE(MakeTrack().Initialize());
+  EXPECT_EQ(vcam_get_ucode_loaded(), 1);
+  EXPECT_TRUE(log_.Contains(std::string("Loading DSP ucode ") + dir + "/"));
+  EXPECT_TRUE(log_.Has("Microcode version 2.7 - 14/3/2016"));
+  EXPECT_EQ(track_->GetUcodeFd(), -1);
+
+  const failure_case_t cases[] = {
+      {IAV_IOC_GET_UCODE_INFO, "IAV_IOC_GET_UCODE_INFO failed", false},
+      {VCAM_OP_MMAP, "Unable to mmap /dev/ucode", false},
+      {IAV_IOC_UPDATE_UCODE, "IAV_IOC_UPDATE_UCODE failed", false},
+  };
+  for (const failure_case_t& c : cases) {
+    SCOPED_TRACE(c.line);
+    vcam_set_ucode_loaded(0);
+    vcam_fault_request(c.request, EIO, 1);
+    log_.Clear();
+    EXPECT_FALSE(MakeTrack().Initialize());
+    EXPECT_TRUE(log_.Has(c.line));
+    EXPECT_EQ(vcam_get_ucode_loaded(), 0);
+  }
+  // A missing file abandons the load.
+  vcam_set_ucode_loaded(0);
+  settings_["firmwarePath"] = std::string(dir) + "/missing/";
+  uint32_t idles = vcam_request_count(IAV_IOC_ENTER_IDLE);
+  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_EQ(vcam_get_ucode_loaded(), 0);
+  EXPECT_EQ(vcam_request_count(IAV_IOC_ENTER_IDLE), idles);
+  std::string cleanup = std::string("rm -rf ") + dir;
+  EXPECT_EQ(system(cleanup.c_str()), 0);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vesk

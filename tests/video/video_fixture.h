@@ -1,0 +1,105 @@
+// The real video track against the virtual camera on its manual clock, with
+// the log lines and the IPC events it produced.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+#include "trackencodervideos2l.h"
+#include "vesk/ipc/ipc.h"
+#include "vesk/settings/encodersettings.h"
+#include "vesk/variant/camerainfo.h"
+#include "vesk/virtualcam/virtualcam.h"
+
+namespace vesk {
+namespace test {
+
+using encoder::EncoderSettings;
+using encoder::internal::TrackEncoderVideoS2L;
+using variant::Variant;
+
+struct stream_spec_t {
+  const char* key;  // "video1", ..., "mjpg2"
+  unsigned int width;
+  unsigned int height;
+  unsigned int fps;
+  unsigned int sourceId;
+  unsigned int bitrate;  // "bitRateVbrMax" (H.264) or quality (MJPEG)
+};
+
+class VideoTrackTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    vcam_reset();
+    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
+    variant::CameraInfo::OverrideSysid(0x1234);
+    listener_ = ipc::Ipc::GetInstance().AddListener(
+        [this](const Variant& message) { events_.push_back((std::string)message["functionName"]); });
+    settings_["firmwarePath"] = "/lib/firmware/";
+    settings_.video()["vinFps"] = (unsigned short)30;
+  }
+
+  void TearDown() override {
+    delete track_;
+    track_ = nullptr;
+    ipc::Ipc::GetInstance().RemoveListener(listener_);
+    variant::CameraInfo::OverrideSysid(-1);
+    vcam_reset();
+  }
+
+  // Enables one stream with M 1, one IDR per second and the given size.
+  void AddStream(const stream_spec_t& s) {
+    Variant& e = settings_.video()[s.key];
+    e["enabled"] = true;
+    e["width"] = s.width;
+    e["height"] = s.height;
+    e["fps"] = (unsigned char)s.fps;
+    e["sourceId"] = s.sourceId;
+    if (std::string(s.key).compare(0, 5, "video") == 0) {
+      e["M"] = 1u;
+      e["N"] = 10u;
+      e["nMultiplier"] = 1u;
+      e["bitRateVbrMax"] = s.bitrate;
+    } else {
+      e["quality"] = (unsigned char)s.bitrate;
+    }
+  }
+
+  // Normalises the settings as the Encoder does and builds the track.
+  TrackEncoderVideoS2L& MakeTrack() {
+    settings_.NormalizeFields();
+    delete track_;
+    track_ = new TrackEncoderVideoS2L(settings_);
+    return *track_;
+  }
+
+  bool InitializeAndStart() {
+    TrackEncoderVideoS2L& track = MakeTrack();
+    return track.Initialize() && track.StartEncoding();
+  }
+
+  Variant& Stream(const char* key) { return settings_.video()[key]; }
+
+  static vcam_status_t Status() {
+    vcam_status_t status;
+    vcam_get_status(&status);
+    return status;
+  }
+  static vcam_stream_status_t StreamStatus(uint32_t id) {
+    vcam_stream_status_t status;
+    vcam_get_stream_status(id, &status);
+    return status;
+  }
+
+  EncoderSettings settings_;
+  TrackEncoderVideoS2L* track_ = nullptr;
+  LogCapture log_;
+  std::vector<std::string> events_;
+  int listener_ = 0;
+};
+
+}  // namespace test
+}  // namespace vesk
