@@ -8,10 +8,7 @@
 
 // The TCP transport lives in its own source pair; it joins the factory as
 // soon as it is part of the library.
-#if __has_include("transporttcp.h")
 #include "transporttcp.h"
-#define VESK_HAVE_TRANSPORT_TCP 1
-#endif
 
 namespace vesk {
 namespace encoder {
@@ -37,10 +34,8 @@ BaseTransport* BaseTransport::GetInstance(OutStream* outStream, URI& uri) {
   BaseTransport* transport = nullptr;
   if (schema == "file") {
     transport = new TransportFile(outStream);
-#ifdef VESK_HAVE_TRANSPORT_TCP
   } else if (schema == "tcp") {
     transport = new TransportTCP(outStream);
-#endif
   } else if (schema == "udp") {
     transport = new TransportUDP(outStream);
   } else {
