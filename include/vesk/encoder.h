@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "vesk/host/log.h"
 #include "vesk/messages.h"
 #include "vesk/records.h"
 #include "vesk/settings.h"
