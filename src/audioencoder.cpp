@@ -1,5 +1,7 @@
 #include "audioencoder.h"
 
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -365,8 +367,11 @@ void AudioEncoder::ExitSequence() {
   if (lifeCycle_ == nullptr) return;
   LifeLog(__LINE__, "--- BEGIN LOGREAD ---");
   fflush(lifeCycle_);
+  // Without the system log reader (a PC) the collection fails without asking
+  // the shell, which would only add its own complaint on stderr.
   std::string command = std::string("/usr/bin/logread >> ") + kLifeCycleFile;
-  if (system(command.c_str()) != 0) LifeLog(__LINE__, "internal error: failed to collect logs");
+  if (access("/usr/bin/logread", X_OK) != 0 || system(command.c_str()) != 0)
+    LifeLog(__LINE__, "internal error: failed to collect logs");
   LifeLog(__LINE__, "--- END LOGREAD ---");
   LifeLog(__LINE__, "Audio encoding thread will now exit (MARKER)");
   fclose(lifeCycle_);

@@ -486,8 +486,6 @@ void Encoder::RebaseTimestamps() {
   if (videoTrack_ != nullptr) videoTrack_->ForceTimestampsRebase();
 }
 
-// ---- Stream status, for hosts' status displays ----
-
 bool Encoder::GetStreamStatus(unsigned slot, stream_status_t& status) const {
   const OutStream* stream = GetOutStream(slot);
   if (stream == nullptr) return false;
@@ -502,8 +500,6 @@ bool Encoder::GetStreamStatus(unsigned slot, stream_status_t& status) const {
   status.lastAudio = stream->GetSyncMonitor().lastAudio;
   return true;
 }
-
-// ---- end of stream status ----
 
 }  // namespace encoder
 }  // namespace vesk

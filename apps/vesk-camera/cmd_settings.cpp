@@ -1,15 +1,19 @@
-// vesk-camera settings [--as CLASS] FILE.json: reads a JSON file, normalises
-// it as a settings or message class and prints the tree actually in force.
+// vesk-camera settings [--as CLASS] [--check] FILE.json: reads a JSON file,
+// normalises it as a settings or message class and prints the tree actually
+// in force; or, with --check, tells what in an EncoderSettings file will hurt.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "commands.h"
+#include "jsonfile.h"
 #include "vesk/messages.h"
 #include "vesk/settings.h"
 #include "vesk/variant/variant.h"
+#include "warnings.h"
 
 namespace vesk {
 namespace camera {
@@ -71,13 +75,25 @@ const settings_class_t kClasses[] = {
 void PrintUsage(FILE* out) {
   fprintf(out,
           "Usage: vesk-camera settings [--as CLASS] FILE.json\n"
+          "       vesk-camera settings --check FILE.json\n"
           "\n"
           "Reads FILE.json, normalises it as CLASS (default EncoderSettings) the way\n"
           "the library does before using it, and prints the resulting tree as JSON:\n"
           "missing keys get their defaults, values of the wrong type are replaced,\n"
           "out-of-range values are brought into range, unknown keys are kept.\n"
           "\n"
-          "Exit status: 0 printed; 2 bad usage, unreadable file or invalid JSON.\n"
+          "With --check, FILE.json is read as EncoderSettings and nothing is printed\n"
+          "but, one per line, the settings that the library accepts but that will\n"
+          "hurt when it runs (the same warnings 'vesk-camera run' prints): an enabled\n"
+          "H.264 stream whose \"M\" is not 1 (the process stops at its first picture),\n"
+          "two streams reading one source buffer (\"sourceId\") at different sizes,\n"
+          "mjpg1/mjpg2 on a source buffer that nothing sets up, a file destination of\n"
+          "an FLV or H.264 stream without \"continuous\" (it keeps only the newest\n"
+          "message), an audio mode/sample rate/bit rate the AAC encoder does not take,\n"
+          "\"enabled\" values that are not true/false, streams sent nowhere.\n"
+          "\n"
+          "Exit status: 0 printed (--check: no warning); 1 --check found warnings;\n"
+          "2 bad usage, unreadable file or invalid JSON.\n"
           "\n"
           "Classes (a namespace prefix such as vesk::encoder:: is accepted):\n");
   for (const settings_class_t& entry : kClasses) fprintf(out, "  %s\n", entry.name);
@@ -101,22 +117,6 @@ const settings_class_t* FindClass(std::string name) {
   return nullptr;
 }
 
-bool ReadFile(const char* path, std::string& text, std::string& error) {
-  FILE* file = fopen(path, "rb");
-  if (file == nullptr) {
-    error = strerror(errno);
-    return false;
-  }
-  char chunk[65536];
-  size_t count;
-  while ((count = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, count);
-  bool failed = ferror(file) != 0;
-  int err = errno;
-  fclose(file);
-  if (failed) error = strerror(err);
-  return !failed;
-}
-
 int UsageError(const char* text, const char* argument) {
   fprintf(stderr, "vesk-camera settings: %s%s (see vesk-camera settings --help)\n", text, argument);
   return kExitUsage;
@@ -127,13 +127,18 @@ int UsageError(const char* text, const char* argument) {
 int CmdSettings(int argc, char** argv) {
   const settings_class_t* settingsClass = &kClasses[0];
   const char* path = nullptr;
+  bool check = false;
+  bool classGiven = false;
   for (int i = 1; i < argc; i++) {
     const char* arg = argv[i];
     if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
       PrintUsage(stdout);
       return kExitOk;
     }
-    if (strcmp(arg, "--as") == 0) {
+    if (strcmp(arg, "--check") == 0) {
+      check = true;
+    } else if (strcmp(arg, "--as") == 0) {
+      classGiven = true;
       if (++i == argc) return UsageError("--as needs a class name", "");
       settingsClass = FindClass(argv[i]);
       if (settingsClass == nullptr) return UsageError("unknown class ", argv[i]);
@@ -146,17 +151,19 @@ int CmdSettings(int argc, char** argv) {
     }
   }
   if (path == nullptr) return UsageError("no settings file given", "");
+  if (check && classGiven) return UsageError("--check reads EncoderSettings only; drop --as", "");
 
-  std::string text;
+  Variant parsed;
   std::string error;
-  if (!ReadFile(path, text, error)) {
-    fprintf(stderr, "vesk-camera settings: cannot read %s: %s\n", path, error.c_str());
+  if (!LoadJsonFile(path, parsed, error)) {
+    fprintf(stderr, "vesk-camera settings: %s\n", error.c_str());
     return kExitUsage;
   }
-  Variant parsed;
-  if (!Variant::FromJson(text, parsed, error)) {
-    fprintf(stderr, "vesk-camera settings: %s: %s\n", path, error.c_str());
-    return kExitUsage;
+  if (check) {
+    std::vector<std::string> warnings = FindSettingsWarnings(parsed);
+    for (const std::string& warning : warnings) printf("warning: %s\n", warning.c_str());
+    if (warnings.empty()) printf("%s: no warnings\n", path);
+    return warnings.empty() ? kExitOk : kExitFailure;
   }
   std::cout << settingsClass->normalize(parsed).ToJson(true) << "\n";
   return kExitOk;

@@ -17,7 +17,10 @@ struct command_t {
 };
 
 const command_t kCommands[] = {
-    {"settings", "print a settings file as the library normalises it", vesk::camera::CmdSettings},
+    {"run", "run the encoder on a settings file (the main job)", vesk::camera::CmdRun},
+    {"settings", "print a settings file as the library normalises it, or --check it",
+     vesk::camera::CmdSettings},
+    {"receive", "receive a vesk stream over UDP and write what it carries", vesk::camera::CmdReceive},
 };
 
 void PrintUsage(FILE* out) {
@@ -25,7 +28,9 @@ void PrintUsage(FILE* out) {
           "Usage: vesk-camera COMMAND [ARGUMENTS...]\n"
           "       vesk-camera --help\n"
           "\n"
-          "The host process of libvesk_encoder.\n"
+          "The host process of libvesk_encoder. It runs the encoder on the virtual\n"
+          "camera (or the camera's own driver) from a JSON settings file; see\n"
+          "examples/ for settings files.\n"
           "\n"
           "Commands:\n");
   for (const command_t& command : kCommands) {

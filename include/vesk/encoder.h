@@ -84,7 +84,7 @@ class Encoder {
                             const timestamp_t* audioFramePeriod);
   void RebaseTimestamps();
 
-  // ---- Stream status, for hosts' status displays ----
+  // What a host's status display shows of the stream in a slot.
   struct stream_status_t {
     std::string name;                // the stream's name ("streamName" of its info)
     unsigned transports = 0;         // destinations still attached
@@ -94,7 +94,6 @@ class Encoder {
   };
   // False when the slot is empty or out of range.
   bool GetStreamStatus(unsigned slot, stream_status_t& status) const;
-  // ---- end of stream status ----
 
  private:
   void DeleteStream(unsigned slot);
