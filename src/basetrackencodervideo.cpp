@@ -109,12 +109,6 @@ bool BaseTrackEncoderVideo::StopEncoding() {
   return true;
 }
 
-bool BaseTrackEncoderVideo::UpdateSettings(vesk::ipc::messages::ChangeVideoSettings& request) {
-  (void)request;
-  VLOG_ERROR("Runtime video settings changes are not available");
-  return false;
-}
-
 bool BaseTrackEncoderVideo::ReadUCodeVersion(void* version) {
   memset(version, 0, sizeof(iav_ucode_version_t));
   if (vdev_ioctl(ucodeFd_, IAV_IOC_GET_UCODE_VERSION, version) != 0) {

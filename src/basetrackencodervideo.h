@@ -171,6 +171,12 @@ class BaseTrackEncoderVideo : public BaseTrackEncoder {
   // The on-screen statistics text of one H.264 stream slot.
   void GetChannelsOSDStats(signed char level, std::string& line, unsigned int slot);
 
+  // Runtime changes of one stream (current element of the settings, requested
+  // element of a change request) and of the VIN (the "video" blocks); the
+  // applied values are written into the current settings.
+  bool UpdateStreamSettings(Variant& current, Variant& requested);
+  bool UpdateVinSettings(Variant& current, Variant& requested, bool& restartNeeded);
+
   // Read-only views for the owner and for diagnostics.
   const stream_bitrate_t& GetStreamBitrate(unsigned int slot) const { return bitrates_[slot % kVideoStreamSlots]; }
   const stream_slot_t& GetStreamSlot(unsigned int slot) const { return streams_[slot % kVideoStreamSlots]; }
@@ -189,7 +195,20 @@ class BaseTrackEncoderVideo : public BaseTrackEncoder {
   void NumberStreams(budget_stream_t* list, uint32_t count);
   // The adaptive limits of one H.264 stream, loaded by the encoding setup.
   void LoadBitrateLimits(unsigned int ordinal, Variant& element);
-  void RecomputeBitrate(unsigned int slot);
+  // Applies the smallest ceiling of the slot when it changed; false when the
+  // chip refused it.
+  bool RecomputeBitrate(unsigned int slot);
+  // Runtime change steps of one stream (element: its current settings).
+  bool UpdateH264Stream(Variant& element, Variant& requested);
+  bool UpdateMJPGStream(Variant& element, Variant& requested);
+  bool UpdateFrameRate(Variant& element, vesk::ipc::messages::VideoSettingsElement& request);
+  bool UpdateBitrate(Variant& element, vesk::ipc::messages::VideoSettingsElement& request);
+  bool UpdateAdaptiveMinima(Variant& element, vesk::ipc::messages::VideoSettingsElement& request);
+  // The capacity budget with one stream at a new frame rate.
+  bool BudgetTakesFps(const std::string& name, unsigned int fps);
+  // The slot's bit rate programmed again (after a frame-rate change moved
+  // the correction factors).
+  bool ReapplyBitrate(Variant& element);
   bool NalMapStillFits(const video_frame_t* frame, const uint32_t* map);
   bool ReloadUCode();
   bool LoadUCodeItems(uint8_t* region, const void* loadRecord);

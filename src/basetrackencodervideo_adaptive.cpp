@@ -108,18 +108,20 @@ void BaseTrackEncoderVideo::LoadBitrateLimits(unsigned int ordinal, Variant& ele
   record.applied = (int32_t)maximum;
 }
 
-void BaseTrackEncoderVideo::RecomputeBitrate(unsigned int slot) {
+bool BaseTrackEncoderVideo::RecomputeBitrate(unsigned int slot) {
   stream_bitrate_t& record = bitrates_[slot];
-  if (record.cameraServer.maximum == 0) return;  // no H.264 stream in this slot
+  if (record.cameraServer.maximum == 0) return true;  // no H.264 stream in this slot
   uint32_t result = record.cameraServer.current;
   uint32_t player = record.serverPlayerEnabled ? record.serverPlayer.current : record.serverPlayer.maximum;
   uint32_t motion = record.motionEnabled ? record.motion.current : record.motion.maximum;
   if (player < result) result = player;
   if (motion < result) result = motion;
-  if ((int32_t)result == record.applied) return;
+  if ((int32_t)result == record.applied) return true;
   record.applied = (int32_t)result;
-  if (record.applied < 0) return;
-  if (!SetBitRate((int)ComputeStreamId(slot), false, result, result)) VLOG_ERROR("Unable to setup bitrate");
+  if (record.applied < 0) return true;
+  if (SetBitRate((int)ComputeStreamId(slot), false, result, result)) return true;
+  VLOG_ERROR("Unable to setup bitrate");
+  return false;
 }
 
 void BaseTrackEncoderVideo::AdaptCameraServerBitrate(unsigned char level) {

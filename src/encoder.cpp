@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "motiondetectionthread.h"
+#include "osdrate.h"
 #include "outstream.h"
 #include "trackencoderaudio.h"
 #include "trackencodervideos2l.h"
@@ -335,13 +336,21 @@ bool Encoder::UpdateSettings(vesk::ipc::messages::ChangeVideoSettings& request) 
 
 bool Encoder::RestartStreams(vesk::ipc::messages::RestartStreams& request) {
   vesk::ipc::messages::ChangeVideoSettings message;
-  Variant& video = MapAt(currentSettings_, "video");
+  const Variant& video = ((const Variant&)currentSettings_)["video"];
   const char* keys[] = {"video1", "video2", "video3", "mjpg", "mjpg1", "mjpg2"};
   for (const char* key : keys) {
     Variant& named = request[key];
     if (!named.IsBool()) named = false;
     if (!(bool)named) continue;
-    message["video"][key]["avSerializer"] = MapAt(MapAt(video, key), "avSerializer");
+    // The stream's own output configuration: rebuilt even when unchanged.
+    std::string path = std::string(key) + "/avSerializer";
+    const Variant* output = video.IsMap() ? video.GetKeyChain(vesk::variant::V_MAP, path.c_str()) : nullptr;
+    Variant& target = message["video"][key]["avSerializer"];
+    if (output != nullptr) {
+      target = *output;
+    } else {
+      target.IsArray(false);
+    }
   }
   return UpdateSettings(message);
 }
@@ -353,12 +362,13 @@ void Encoder::GetChannelsOSDStats(signed char level, std::vector<std::string>& l
   for (unsigned i = 0; i < 3; i++) {
     Variant& entry = MapAt(video, kH264Keys[i]);
     if (!Enabled(entry) || videoTrack_ == nullptr) continue;
-    videoTrack_->GetChannelsOSDStats(level, lines[i], i);
-    OutStream* stream = outStreams_[i];
-    if (stream == nullptr) continue;
-    long long rate = (long long)stream->GetOutputBitrate();
-    // Bytes per second shifted by 7 bits: kibibits per second.
-    if (rate >= 1) lines[i] += vesk::utils::format("; R: %lld", rate >> 7);
+    // Line i shows the element's own stream: with dense numbering its
+    // ordinal (track record and output slot) need not be i.
+    if (!entry.HasKey("streamOrdinal") || !entry["streamOrdinal"].IsNumeric()) continue;
+    unsigned ordinal = (unsigned)entry["streamOrdinal"];
+    videoTrack_->GetChannelsOSDStats(level, lines[i], ordinal);
+    OutStream* stream = ordinal < kMaxOutStreams ? outStreams_[ordinal] : nullptr;
+    if (stream != nullptr) internal::AppendOutputRate(lines[i], stream->GetOutputBitrate());
   }
 }
 
