@@ -13,6 +13,8 @@
 
 #include "camera_config.h"
 #include "commands.h"
+#include "control_requests.h"
+#include "control_socket.h"
 #include "jsonfile.h"
 #include "pump_status.h"
 #include "vesk/encoder.h"
@@ -41,12 +43,14 @@ struct run_options_t {
   long long seconds = -1;  // -1: until a signal
   int logPriority = VESK_PRIO_INFO;
   bool quiet = false;      // no status lines
+  const char* controlPath = nullptr;  // the control socket, when asked for
+  bool stats = false;      // the on-screen statistics once per second
 };
 
 void PrintUsage(FILE* out) {
   fprintf(out,
           "Usage: vesk-camera run SETTINGS.json [--seconds N] [--camera CAMERA.json]\n"
-          "                       [--log-level LEVEL] [--quiet]\n"
+          "                       [--log-level LEVEL] [--quiet] [--control PATH] [--stats]\n"
           "\n"
           "Runs the encoder on SETTINGS.json (an EncoderSettings tree, see\n"
           "'vesk-camera settings --help' and examples/) until SIGINT or SIGTERM, or for\n"
@@ -65,6 +69,22 @@ void PrintUsage(FILE* out) {
           "  --log-level LEVEL   library log lines shown: error, warning, info (default)\n"
           "                      or debug (or the numbers 3, 4, 6, 7)\n"
           "  --quiet             no per-second status lines\n"
+          "  --control PATH      listen for runtime requests on the Unix socket PATH\n"
+          "                      (below); a stale socket file there is replaced, and\n"
+          "                      the file is removed at exit\n"
+          "  --stats             print the on-screen statistics (level 2) once per second\n"
+          "\n"
+          "Control socket: one JSON object per line, each answered with one JSON line\n"
+          "holding \"ok\" (true or false), \"error\" when false, the data asked for and\n"
+          "\"log\", the library's log lines the request caused. Requests are applied\n"
+          "between two passes of the pump. 'vesk-camera ctl PATH JSON' sends one.\n"
+          "  {\"ChangeVideoSettings\": {\"video\": {\"video1\": {\"fps\": 15}}}}\n"
+          "                      new frame rates, bit rates, quality, volume, HDR mode\n"
+          "  {\"RestartStreams\": {\"video2\": true}}  rebuild the named streams' outputs\n"
+          "  {\"ForceIDR\": true}  an IDR picture on every H.264 stream\n"
+          "  {\"OSDStats\": 2}     the three statistics lines (\"lines\"), level 1 or 2\n"
+          "  {\"Settings\": true}  the settings in force (\"settings\")\n"
+          "Lines longer than 1 MiB are refused; at most 8 clients at once.\n"
           "\n"
           "%s"
           "\n"
@@ -128,6 +148,12 @@ int ParseArguments(int argc, char** argv, run_options_t& options, bool& helpShow
       i++;
     } else if (strcmp(arg, "--quiet") == 0) {
       options.quiet = true;
+    } else if (strcmp(arg, "--control") == 0) {
+      if (value == nullptr || *value == '\0') return UsageError("--control needs a socket path");
+      options.controlPath = value;
+      i++;
+    } else if (strcmp(arg, "--stats") == 0) {
+      options.stats = true;
     } else if (arg[0] == '-' && arg[1] != '\0') {
       return UsageError(std::string("unknown option ") + arg);
     } else if (options.settingsPath != nullptr) {
@@ -179,8 +205,21 @@ int TakeStopSignal(const sigset_t& set, long waitNs) {
   return signal > 0 ? signal : 0;
 }
 
-int Pump(vesk::encoder::Encoder& encoder, const run_options_t& options, const sigset_t& stopSignals) {
+// The on-screen statistics, one line per H.264 stream.
+void PrintStats(vesk::encoder::Encoder& encoder, std::vector<std::string>& lines) {
+  encoder.GetChannelsOSDStats(2, lines);
+  for (size_t i = 0; i < lines.size(); i++) {
+    printf("vesk-camera: stats video%zu: %s\n", i + 1, lines[i].empty() ? "(not enabled)" : lines[i].c_str());
+  }
+}
+
+// control: the control socket, or null. Its requests are served between
+// passes, on this thread, as every Encoder call must be.
+int Pump(vesk::encoder::Encoder& encoder, const run_options_t& options, const sigset_t& stopSignals,
+         ControlSocket* control) {
   PumpStatus status(encoder);
+  ControlRequests requests(encoder);
+  std::vector<std::string> statsLines;
   uint64_t start = nowMs();
   uint64_t deadline = options.seconds < 0 ? 0 : start + (uint64_t)options.seconds * 1000u;
   uint64_t nextStatus = start + kStatusPeriodMs;
@@ -188,9 +227,12 @@ int Pump(vesk::encoder::Encoder& encoder, const run_options_t& options, const si
   while (true) {
     int moved = encoder.EncodeFrames();
     if (moved > 0) status.AfterPass(moved);
+    if (control != nullptr) control->Service(requests);
     uint64_t now = nowMs();
-    if (!options.quiet && now >= nextStatus) {
-      status.Print(stdout, now - start);
+    if (now >= nextStatus) {
+      if (!options.quiet) status.Print(stdout, now - start);
+      if (options.stats) PrintStats(encoder, statsLines);
+      if (!options.quiet || options.stats) fflush(stdout);
       nextStatus += kStatusPeriodMs;
       if (nextStatus <= now) nextStatus = now + kStatusPeriodMs;
     }
@@ -249,6 +291,15 @@ int CmdRun(int argc, char** argv) {
     fflush(stdout);
   });
 
+  // Listening before Configure: clients may connect while the encoder starts;
+  // their requests are answered once the pump runs.
+  ControlSocket control;
+  if (options.controlPath != nullptr && !control.Open(options.controlPath, error)) {
+    fprintf(stderr, "vesk-camera run: --control %s\n", error.c_str());
+    vesk::ipc::Ipc::GetInstance().RemoveListener(listener);
+    return kExitUsage;
+  }
+
   result = kExitOk;
   {
     vesk::encoder::Encoder encoder;
@@ -261,8 +312,9 @@ int CmdRun(int argc, char** argv) {
       printf("vesk-camera: configured in %llu ms from %s%s\n", (unsigned long long)(nowMs() - began),
              options.settingsPath, options.seconds < 0 ? "; stop with Ctrl-C" : "");
       fflush(stdout);
-      result = Pump(encoder, options, stopSignals);
+      result = Pump(encoder, options, stopSignals, control.IsOpen() ? &control : nullptr);
       uint64_t closing = nowMs();
+      control.Close();
       encoder.Close();
       printf("vesk-camera: closed in %llu ms\n", (unsigned long long)(nowMs() - closing));
     }

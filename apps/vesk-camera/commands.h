@@ -14,7 +14,11 @@ constexpr int kExitUsage = 2;
 int CmdSettings(int argc, char** argv);
 
 // vesk-camera run SETTINGS.json [--seconds N] [--camera CAMERA.json] [--log-level LEVEL]
+//                [--quiet] [--control PATH] [--stats]
 int CmdRun(int argc, char** argv);
+
+// vesk-camera ctl PATH 'JSON' (or - to read the request from stdin)
+int CmdCtl(int argc, char** argv);
 
 // vesk-camera receive udp://IP:PORT OUTDIR [--seconds N]
 int CmdReceive(int argc, char** argv);

@@ -21,6 +21,7 @@ const command_t kCommands[] = {
     {"settings", "print a settings file as the library normalises it, or --check it",
      vesk::camera::CmdSettings},
     {"receive", "receive a vesk stream over UDP and write what it carries", vesk::camera::CmdReceive},
+    {"ctl", "send one request to a running host's control socket (run --control)", vesk::camera::CmdCtl},
 };
 
 void PrintUsage(FILE* out) {

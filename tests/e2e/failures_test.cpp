@@ -80,12 +80,17 @@ TEST(E2eFailures, UnusableInputIsRefusedBeforeTheEncoderStarts) {
 TEST(E2eFailures, HelpDocumentsEveryCommandAndOption) {
   run_result_t run = RunCamera({"--help"}, 10000);
   EXPECT_EQ(run.exitCode, 0);
-  for (const char* command : {"run", "settings", "receive"}) EXPECT_NE(run.out.find(command), std::string::npos);
+  for (const char* command : {"run", "settings", "receive", "ctl"}) EXPECT_NE(run.out.find(command), std::string::npos);
   run = RunCamera({"run", "--help"}, 10000);
   EXPECT_EQ(run.exitCode, 0);
   for (const char* option : {"--seconds", "--camera", "--log-level", "ALSA_CONFIG_PATH", "\"chipId\"",
-                             "\"sensorModes\"", "\"scene\"", "\"microcodeLoaded\"", "Exit status"})
+                             "\"sensorModes\"", "\"scene\"", "\"microcodeLoaded\"", "Exit status",
+                             "--control", "--stats", "\"ChangeVideoSettings\"", "\"RestartStreams\"",
+                             "\"ForceIDR\"", "\"OSDStats\"", "\"Settings\""})
     EXPECT_NE(run.out.find(option), std::string::npos) << option;
+  run = RunCamera({"ctl", "--help"}, 10000);
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_NE(run.out.find("Exit status"), std::string::npos);
   run = RunCamera({"settings", "--help"}, 10000);
   EXPECT_NE(run.out.find("--check"), std::string::npos);
 }
