@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "audio_test_util.h"
+#include "audio_util.h"
 #include "log_capture.h"
 #include "trackencoderaudio.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 ChangeVideoSettings VolumeRequest(int volume) {
   ChangeVideoSettings request;
-  request["audio"]["volume"] = volume;
+  if (volume >= 0) request["audio"]["volume"] = volume;
   request.NormalizeFields();
   return request;
 }
@@ -55,36 +55,31 @@ TEST(TrackEncoderAudio, VolumeChangesFollowTheMutedRule) {
   ASSERT_TRUE(track.StartEncoding());
   EXPECT_FALSE(track.Muted());
 
-  // No audio block, or a negative volume: nothing changes.
-  ChangeVideoSettings empty;
-  empty.NormalizeFields();
-  EXPECT_TRUE(track.UpdateSettings(empty));
-  ChangeVideoSettings same = VolumeRequest(50);
-  EXPECT_TRUE(track.UpdateSettings(same));
-  EXPECT_FALSE(log.Contains("PCM volume set to"));
-
-  ChangeVideoSettings louder = VolumeRequest(70);
-  EXPECT_TRUE(track.UpdateSettings(louder));
-  EXPECT_TRUE(log.Has("PCM volume set to 70%"));
-  EXPECT_EQ(70u, (unsigned)settings.audio().volume());
-
-  ChangeVideoSettings mute = VolumeRequest(0);
-  EXPECT_TRUE(track.UpdateSettings(mute));
-  EXPECT_TRUE(log.Has("PCM volume set to 0%"));
-  EXPECT_TRUE(track.Muted());
-
-  ChangeVideoSettings again = VolumeRequest(50);
-  EXPECT_TRUE(track.UpdateSettings(again));
-  EXPECT_TRUE(log.Has("Camera is currently muted. Attempt to set the volume to 50 is not allowed"));
-  EXPECT_EQ(0u, (unsigned)settings.audio().volume());
-  EXPECT_TRUE(track.Muted());
-
-  // Frames flow through the track; each call gives the previous one back.
-  vesk::encoder::audio_frame_t* frame = nullptr;
-  for (int i = 0; i < 500 && frame == nullptr; i++) {
-    frame = track.GetFrame();
-    if (frame == nullptr) usleep(2000);
+  // No audio block, or the volume already in force: nothing changes.
+  for (int volume : {-1, 50}) {
+    ChangeVideoSettings same = VolumeRequest(volume);
+    EXPECT_TRUE(track.UpdateSettings(same));
   }
+  EXPECT_FALSE(log.Contains("PCM volume set to"));
+  struct {
+    int volume;
+    const char* line;
+    unsigned stored;
+    bool muted;
+  } steps[] = {{70, "PCM volume set to 70%", 70, false},
+               {0, "PCM volume set to 0%", 0, true},
+               {50, "Camera is currently muted. Attempt to set the volume to 50 is not allowed", 0, true}};
+  for (auto& s : steps) {
+    ChangeVideoSettings request = VolumeRequest(s.volume);
+    EXPECT_TRUE(track.UpdateSettings(request));
+    EXPECT_TRUE(log.Has(s.line));
+    EXPECT_EQ(s.stored, (unsigned)settings.audio().volume());
+    EXPECT_EQ(s.muted, track.Muted());
+  }
+
+  // Frames flow through the track.
+  vesk::encoder::audio_frame_t* frame = nullptr;
+  for (int i = 0; i < 500 && (frame = track.GetFrame()) == nullptr; i++) usleep(2000);
   ASSERT_NE(nullptr, frame);
   EXPECT_EQ(16000u, frame->pts.timescale);
   EXPECT_TRUE(track.StopEncoding());

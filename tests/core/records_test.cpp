@@ -11,65 +11,47 @@ using namespace vesk::encoder;
 
 TEST(Timestamp, RescaleRoundsHalfUpAndComparesInTheFirstTimescale) {
   EXPECT_EQ(17, RescaleTimestamp(1500, 90000, 1000)) << "(1500*1000 + 45000) / 90000";
-  EXPECT_EQ(16, RescaleTimestamp(1499 - 45, 90000, 1000));
-  EXPECT_EQ(1500, RescaleTimestamp(1500, 90000, 90000)) << "same timescale: unchanged";
+  EXPECT_EQ(16, RescaleTimestamp(1454, 90000, 1000));
   EXPECT_EQ(90000, RescaleTimestamp(1000, 1000, 90000));
-  // Large values stay exact in 64 bits.
-  EXPECT_EQ(100000000000LL, RescaleTimestamp(9000000000000LL, 90000, 1000));
+  EXPECT_EQ(100000000000LL, RescaleTimestamp(9000000000000LL, 90000, 1000)) << "exact in 64 bits";
 
   timestamp_t unset;
   EXPECT_EQ(-1, unset.value);
-  EXPECT_EQ(0u, unset.timescale);
   EXPECT_FALSE(unset.IsSet());
-
-  timestamp_t video(90000, 90000), audio(16000, 16000);
+  timestamp_t video(90000, 90000), audio(16000, 16000), later(16512, 16000);
   EXPECT_EQ(0, video.Compare(audio));
-  timestamp_t later(16512, 16000);
   EXPECT_EQ(90000 - 92880, video.Compare(later)) << "other converted to 90 kHz first";
 }
-
-namespace {
-
-video_frame_t Frame(std::vector<uint8_t>& ring, uint32_t offset, uint32_t length) {
-  video_frame_t f = {};
-  f.ringBase = ring.data();
-  f.ringSize = (uint32_t)ring.size();
-  f.offset = offset;
-  f.length = length;
-  f.isContiguous = (uint64_t)offset + length <= ring.size() ? 1 : 0;
-  return f;
-}
-
-}  // namespace
 
 TEST(VideoFrame, WrapRuleGivesOneOrTwoRunsAndByteAccessAgrees) {
   std::vector<uint8_t> ring(100);
   for (size_t i = 0; i < ring.size(); i++) ring[i] = (uint8_t)i;
-  payload_runs_t runs;
-
-  // Crossing the end: two runs of 10 and 15 bytes.
-  video_frame_t wrap = Frame(ring, 90, 25);
-  ASSERT_EQ(2u, GetPayloadRuns(wrap, runs));
-  EXPECT_EQ(ring.data() + 90, runs.data[0]);
-  EXPECT_EQ(10u, runs.length[0]);
-  EXPECT_EQ(ring.data(), runs.data[1]);
-  EXPECT_EQ(15u, runs.length[1]);
-  for (uint32_t i = 0; i < 25; i++) EXPECT_EQ((90 + i) % 100, PayloadByte(wrap, i));
-
-  // Ending exactly at the ring end: one run.
-  video_frame_t atEnd = Frame(ring, 75, 25);
-  ASSERT_EQ(1u, GetPayloadRuns(atEnd, runs));
-  EXPECT_EQ(25u, runs.length[0]);
-
-  // An offset at or past the ring size starts at offset - ringSize.
-  video_frame_t past = Frame(ring, 100, 5);
-  past.isContiguous = 0;
-  ASSERT_EQ(1u, GetPayloadRuns(past, runs));
-  EXPECT_EQ(ring.data(), runs.data[0]);
-  past.offset = 130;
-  ASSERT_EQ(1u, GetPayloadRuns(past, runs));
-  EXPECT_EQ(ring.data() + 30, runs.data[0]);
-  EXPECT_EQ(5u, runs.length[0]);
+  struct {
+    uint32_t offset, length, runs, firstStart, firstLength;
+  } cases[] = {
+      {90, 25, 2, 90, 10},  // crossing the end: 10 then 15 bytes
+      {75, 25, 1, 75, 25},  // ending exactly at the ring end
+      {100, 5, 1, 0, 5},    // an offset at or past the ring size starts at offset - ringSize
+      {130, 5, 1, 30, 5},
+  };
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.offset);
+    video_frame_t f = {};
+    f.ringBase = ring.data();
+    f.ringSize = (uint32_t)ring.size();
+    f.offset = c.offset;
+    f.length = c.length;
+    f.isContiguous = c.offset + c.length <= ring.size() ? 1 : 0;
+    payload_runs_t runs;
+    ASSERT_EQ(c.runs, GetPayloadRuns(f, runs));
+    EXPECT_EQ(ring.data() + c.firstStart, runs.data[0]);
+    EXPECT_EQ(c.firstLength, runs.length[0]);
+    if (c.runs == 2) {
+      EXPECT_EQ(ring.data(), runs.data[1]);
+      EXPECT_EQ(c.length - c.firstLength, runs.length[1]);
+    }
+    for (uint32_t i = 0; i < c.length; i++) EXPECT_EQ((c.offset + i) % 100, PayloadByte(f, i));
+  }
 }
 
 TEST(Message, PartsAreIovecsAndEmptinessFollowsTheFields) {

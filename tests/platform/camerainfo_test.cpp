@@ -7,44 +7,14 @@
 
 using namespace vesk::variant;
 
-namespace {
-
-bool IsUpperHex12(const std::string& s) {
-  if (s.size() != 12) return false;
-  for (char c : s) {
-    if (!isxdigit((unsigned char)c) || islower((unsigned char)c)) return false;
-  }
-  return true;
-}
-
-class CameraInfoTest : public testing::Test {
- protected:
-  void TearDown() override {
-    CameraInfo::OverrideHwaddr("");
-    CameraInfo::OverrideSysid(-1);
-    CameraInfo::SetFailInit(false);
-  }
-};
-
-}  // namespace
-
-TEST_F(CameraInfoTest, DetectedIdentityHasTheExpectedFormAndIsStable) {
-  CameraInfo first;
-  ASSERT_TRUE(first.Init());
-  EXPECT_TRUE(first.IsMap());
-  const std::string hwaddr = first.StrictString("hwaddr");
-  EXPECT_TRUE(IsUpperHex12(hwaddr)) << hwaddr;
-  EXPECT_NE("000000000000", hwaddr);
-  EXPECT_EQ(V_UINT32, first.StrictNumeric("sysid").GetType());
-
-  CameraInfo second;
-  ASSERT_TRUE(second.Init());
-  EXPECT_EQ(first, second);
-}
-
-TEST_F(CameraInfoTest, OverridesWinAndClear) {
+TEST(CameraInfo, DetectedIdentityOverridesAndFailures) {
   CameraInfo detected;
   ASSERT_TRUE(detected.Init());
+  const std::string hwaddr = detected.StrictString("hwaddr");
+  EXPECT_EQ(12u, hwaddr.size());
+  for (char c : hwaddr) EXPECT_TRUE(isdigit((unsigned char)c) || (c >= 'A' && c <= 'F')) << hwaddr;
+  EXPECT_NE("000000000000", hwaddr);
+  EXPECT_EQ(V_UINT32, detected.StrictNumeric("sysid").GetType());
 
   CameraInfo::OverrideHwaddr("aabbccddeeff");
   CameraInfo info;
@@ -53,37 +23,29 @@ TEST_F(CameraInfoTest, OverridesWinAndClear) {
   EXPECT_EQ("AABBCCDDEEFF", (std::string)info["hwaddr"]);
   EXPECT_EQ(0xCCDDEEFFu, (unsigned int)info["sysid"]);  // follows the address
   EXPECT_EQ("other keys stay", (std::string)info["keep"]);
-
   CameraInfo::OverrideSysid(42);
   ASSERT_TRUE(info.Init());
-  EXPECT_EQ("AABBCCDDEEFF", (std::string)info["hwaddr"]);
   EXPECT_EQ(42u, (unsigned int)info["sysid"]);
   EXPECT_EQ(V_UINT32, info["sysid"].GetType());
-
   CameraInfo::OverrideHwaddr("");
   ASSERT_TRUE(info.Init());
-  EXPECT_EQ((std::string)detected["hwaddr"], (std::string)info["hwaddr"]);
+  EXPECT_EQ(detected["hwaddr"], info["hwaddr"]);
   EXPECT_EQ(42u, (unsigned int)info["sysid"]);
-
   CameraInfo::OverrideSysid(-1);
   ASSERT_TRUE(info.Init());
-  EXPECT_EQ(detected["sysid"], info["sysid"]);
-}
+  info.RemoveValue("keep");
+  EXPECT_EQ(detected, info);
 
-TEST_F(CameraInfoTest, InitFailures) {
-  CameraInfo info;
+  // A failing platform call or an override that is not a 12-digit hex address is refused.
+  CameraInfo failed;
   CameraInfo::SetFailInit(true);
-  EXPECT_FALSE(info.Init());
-  EXPECT_FALSE(info.HasKey("hwaddr"));
+  EXPECT_FALSE(failed.Init());
   CameraInfo::SetFailInit(false);
-
-  // An override that is not a 12-digit hex address is refused.
-  CameraInfo::OverrideHwaddr("XYZ");
-  EXPECT_FALSE(info.Init());
-  CameraInfo::OverrideHwaddr("AABBCCDDEEFF00");
-  EXPECT_FALSE(info.Init());
-  EXPECT_FALSE(info.HasKey("hwaddr"));
-
+  for (const char* bad : {"XYZ", "AABBCCDDEEFF00"}) {
+    CameraInfo::OverrideHwaddr(bad);
+    EXPECT_FALSE(failed.Init()) << bad;
+  }
+  EXPECT_FALSE(failed.HasKey("hwaddr"));
   CameraInfo::OverrideHwaddr("");
-  EXPECT_TRUE(info.Init());
+  EXPECT_TRUE(failed.Init());
 }

@@ -10,59 +10,38 @@
 #include "vesk/variant/basevariantcontainer.h"
 #include "vesk/variant/variant.h"
 
-using vesk::variant::BaseVariantContainer;
-using vesk::variant::Variant;
 using namespace vesk::variant;
 
 TEST(Variant, TypeBitsOfEveryKindAndTheMasks) {
-  struct Case {
+  struct timeval tv = {1, 0};
+  Variant null, map, array;
+  null.Reset();
+  map["a"] = 1;
+  array.PushToArray(Variant(1));
+  struct {
     Variant value;
     uint32_t type;
-  };
-  struct timeval tv = {1, 0};
-  std::vector<Case> cases = {
-      {Variant(), 0x8001},
-      {Variant(true), 0x8003},
-      {Variant((signed char)-1), 0x4020},
-      {Variant((short)-1), 0x4021},
-      {Variant(-1), 0x4022},
-      {Variant(-1LL), 0x4023},
-      {Variant((long)-1), 0x4023},
-      {Variant((unsigned char)1), 0x4024},
-      {Variant((unsigned short)1), 0x4025},
-      {Variant(1u), 0x4026},
-      {Variant(1ULL), 0x4027},
-      {Variant((unsigned long)1), 0x4027},
-      {Variant(1.5), 0x4028},
-      {Variant(tv), 0x2040},
-      {Variant("text"), 0x100e},
-      {Variant(std::string("text")), 0x100e},
+  } cases[] = {
+      {Variant(), 0x8001},          {null, 0x8002},          {Variant(true), 0x8003},
+      {Variant((signed char)-1), 0x4020}, {Variant((short)-1), 0x4021}, {Variant(-1), 0x4022},
+      {Variant(-1LL), 0x4023},      {Variant((long)-1), 0x4023}, {Variant((unsigned char)1), 0x4024},
+      {Variant((unsigned short)1), 0x4025}, {Variant(1u), 0x4026}, {Variant(1ULL), 0x4027},
+      {Variant((unsigned long)1), 0x4027}, {Variant(1.5), 0x4028}, {Variant(tv), 0x2040},
+      {Variant("text"), 0x100e},    {Variant(std::string("text")), 0x100e}, {map, 0x1010}, {array, 0x1011},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.type);
-    EXPECT_EQ(c.type, (uint32_t)c.value.GetType());
-    EXPECT_FALSE(TypeIsContainer(c.value.GetType()));
-    EXPECT_TRUE(TypeIsNotContainer(c.value.GetType()));
-    EXPECT_EQ(c.type == 0x100e, TypeIsString(c.value.GetType()));
-    EXPECT_EQ(c.type == 0x8003, TypeIsBool(c.value.GetType()));
-    EXPECT_EQ((c.type & 0xF000) == 0x4000, TypeIsNumeric(c.value.GetType()));
+    VariantType t = c.value.GetType();
+    EXPECT_EQ(c.type, (uint32_t)t);
+    EXPECT_EQ(c.type == 0x1010 || c.type == 0x1011, TypeIsContainer(t));
+    EXPECT_EQ(!TypeIsContainer(t), TypeIsNotContainer(t));
+    EXPECT_EQ(c.type == 0x100e, TypeIsString(t));
+    EXPECT_EQ(c.type == 0x8003, TypeIsBool(t));
+    EXPECT_EQ((c.type & 0xF000) == 0x4000, TypeIsNumeric(t));
   }
-
-  Variant null;
-  null.Reset();
-  EXPECT_EQ(0x8002u, (uint32_t)null.GetType());
-  EXPECT_FALSE(TypeIsBool(null.GetType()));
-
-  Variant map;
-  map["a"] = 1;
-  EXPECT_EQ(0x1010u, (uint32_t)map.GetType());
-  EXPECT_TRUE(TypeIsContainer(map.GetType()));
-  EXPECT_FALSE(TypeIsNotContainer(map.GetType()));
-  EXPECT_FALSE(TypeIsString(map.GetType()));
   map.IsArray(true);
   EXPECT_EQ(0x1011u, (uint32_t)map.GetType());
-  EXPECT_TRUE(TypeIsContainer(map.GetType()));
-  EXPECT_EQ(1, (int)map["a"]);  // the kind changed, the content stayed
+  EXPECT_EQ(1, (int)map["a"]) << "the kind changed, the content stayed";
 }
 
 TEST(Variant, NumericAndStringKeysIterateSeparatelyInAscendingOrder) {
@@ -75,7 +54,6 @@ TEST(Variant, NumericAndStringKeysIterateSeparatelyInAscendingOrder) {
   map["c"] = 3;
   EXPECT_EQ(6u, map.MapSize());
   EXPECT_EQ(3u, map.NumericKeysCount());
-
   std::vector<uint32_t> numKeys;
   for (auto it = map.num_begin(); it != map.num_end(); ++it) numKeys.push_back(it->first);
   EXPECT_EQ((std::vector<uint32_t>{2, 7, 10}), numKeys);
@@ -83,107 +61,55 @@ TEST(Variant, NumericAndStringKeysIterateSeparatelyInAscendingOrder) {
   for (auto it = map.str_begin(); it != map.str_end(); ++it) strKeys.push_back(it->first);
   EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), strKeys);
 
-  // A scalar iterates as empty, both through the const and the mutable forms.
-  Variant scalar(5);
+  // A scalar iterates as empty.
+  const Variant scalar(5);
   EXPECT_TRUE(scalar.num_begin() == scalar.num_end());
   EXPECT_TRUE(scalar.str_begin() == scalar.str_end());
-  const Variant& constScalar = scalar;
-  EXPECT_TRUE(constScalar.str_begin() == constScalar.str_end());
-  EXPECT_EQ(0u, scalar.MapSize());
-  EXPECT_EQ(0u, scalar.NumericKeysCount());
 
   Variant array;
   array.PushToArray(Variant("x"));
-  array.PushToArray(Variant("y"));
   array[5] = "z";
   array.PushToArray(Variant("w"));  // after the largest index
-  EXPECT_TRUE(array.IsArray());
   EXPECT_EQ("w", (std::string)array[6]);
-  EXPECT_EQ(4u, array.NumericKeysCount());
+  EXPECT_EQ(3u, array.NumericKeysCount());
 }
 
-TEST(Variant, ConversionsAcrossWidthsAndSigns) {
+TEST(Variant, ConversionsAcrossWidthsSignsAndKinds) {
   Variant v300(300);
   EXPECT_EQ(44, (int)(unsigned char)v300);  // C cast: modulo 256
   EXPECT_EQ(44, (int)(signed char)v300);
   EXPECT_EQ(300, (short)v300);
-  EXPECT_EQ(300.0, (double)v300);
-  EXPECT_TRUE((bool)v300);
-
-  Variant minusOne(-1);
-  EXPECT_EQ(0xFFFFFFFFu, (unsigned int)minusOne);
-  EXPECT_EQ(std::numeric_limits<unsigned long long>::max(), (unsigned long long)minusOne);
-  EXPECT_EQ(0xFFFF, (unsigned short)minusOne);
-  EXPECT_EQ(-1LL, (long long)minusOne);
-
-  Variant big(std::numeric_limits<unsigned long long>::max());
-  EXPECT_EQ(-1LL, (long long)big);
-  EXPECT_EQ(-1, (int)big);
-  EXPECT_DOUBLE_EQ(18446744073709551615.0, (double)big);
-
-  Variant wide(0x123456789LL);
-  EXPECT_EQ(0x23456789u, (unsigned int)wide);
+  EXPECT_EQ(0xFFFFFFFFu, (unsigned int)Variant(-1));
+  EXPECT_EQ(std::numeric_limits<unsigned long long>::max(), (unsigned long long)Variant(-1));
+  EXPECT_DOUBLE_EQ(18446744073709551615.0, (double)Variant(std::numeric_limits<unsigned long long>::max()));
+  EXPECT_EQ(0x23456789u, (unsigned int)Variant(0x123456789LL));
 
   // Doubles truncate towards zero and saturate instead of overflowing.
   EXPECT_EQ(3, (int)Variant(3.9));
   EXPECT_EQ(-3, (int)Variant(-3.9));
-  EXPECT_EQ(INT_MAX, (int)Variant(1e30));
   EXPECT_EQ(INT_MIN, (int)Variant(-1e30));
   EXPECT_EQ(0u, (unsigned int)Variant(-5.0));
   EXPECT_EQ(255, (int)(unsigned char)Variant(1e9));
   EXPECT_EQ(0, (int)Variant(std::nan("")));
-  EXPECT_EQ(std::numeric_limits<long long>::max(), (long long)Variant(1e19));
-  EXPECT_FALSE((bool)Variant(0.0));
   EXPECT_TRUE((bool)Variant(0.25));
 
-  // Booleans are 0/1.
-  EXPECT_EQ(1, (int)Variant(true));
-  EXPECT_EQ(0.0, (double)Variant(false));
-  EXPECT_EQ(1u, (unsigned char)Variant(true));
-
-  // Assignment changes the kind each time.
-  Variant v;
-  v = (unsigned short)65535;
-  EXPECT_EQ(V_UINT16, v.GetType());
-  v = 2.5;
-  EXPECT_EQ(V_DOUBLE, v.GetType());
-  v = "now text";
-  EXPECT_EQ(V_STRING, v.GetType());
-  EXPECT_STREQ("now text", v.c_str());
-  v = (signed char)-7;
-  EXPECT_EQ(V_INT8, v.GetType());
-  EXPECT_EQ(-7LL, (long long)v);
-  EXPECT_STREQ("", v.c_str());
-}
-
-TEST(Variant, WrongKindsConvertToDefaults) {
-  Variant text("123");
-  EXPECT_EQ(0, (int)text);
-  EXPECT_EQ(0.0, (double)text);
-  EXPECT_FALSE((bool)text);  // no parsing of text
-  struct timeval tv = text;
-  EXPECT_EQ(0, tv.tv_sec);
-  EXPECT_EQ(0, tv.tv_usec);
-
-  Variant map;
-  map["a"] = 1;
-  EXPECT_EQ(0u, (unsigned int)map);
-  EXPECT_FALSE((bool)map);
-  EXPECT_EQ("", (std::string)map);
-
+  // Wrong kinds give defaults: no parsing of text, a time value is not a number.
+  EXPECT_EQ(0, (int)Variant("123"));
+  EXPECT_FALSE((bool)Variant("123"));
   EXPECT_EQ("", (std::string)Variant(42));
-  EXPECT_EQ(0, (int)Variant());
-  struct timeval when = {1700000000, 123456};
-  Variant time(when);
-  EXPECT_EQ(0, (long long)time);  // a time value is not a number
-  struct timeval back = time;
+  struct timeval when = {1700000000, 123456}, before = {-2, 500000};
+  EXPECT_EQ(0, (long long)Variant(when));
+  struct timeval back = Variant(when), beforeBack = Variant(before);
   EXPECT_EQ(1700000000, back.tv_sec);
-  EXPECT_EQ(123000, back.tv_usec);  // kept to the millisecond
-
-  struct timeval before = {-2, 500000};  // 1.5 s before the epoch
-  struct timeval beforeBack = Variant(before);
+  EXPECT_EQ(123000, back.tv_usec) << "kept to the millisecond";
   EXPECT_EQ(-2, beforeBack.tv_sec);
   EXPECT_EQ(500000, beforeBack.tv_usec);
+
+  // Assignment changes the kind each time.
+  Variant v("text");
+  v = (signed char)-7;
+  EXPECT_EQ(V_INT8, v.GetType());
+  EXPECT_STREQ("", v.c_str());
 }
 
 TEST(Variant, EqualityComparesNumbersByValueAndContainersDeeply) {
@@ -192,8 +118,6 @@ TEST(Variant, EqualityComparesNumbersByValueAndContainersDeeply) {
   EXPECT_NE(Variant(-1), Variant(std::numeric_limits<unsigned long long>::max()));
   EXPECT_NE(Variant(1), Variant(true));
   EXPECT_NE(Variant(1), Variant("1"));
-  EXPECT_TRUE(Variant("abc") == "abc");
-  EXPECT_TRUE(Variant("abc") != std::string("abd"));
   Variant null;
   null.Reset();
   EXPECT_NE(Variant(), null);
@@ -208,7 +132,7 @@ TEST(Variant, EqualityComparesNumbersByValueAndContainersDeeply) {
   EXPECT_EQ(1, (int)a["x"]["y"]);
   Variant array = a;
   array.IsArray(true);
-  EXPECT_NE(a, array);  // same content, other kind
+  EXPECT_NE(a, array) << "same content, other kind";
 }
 
 TEST(Variant, AssignmentFromOwnChildAndMoves) {
@@ -229,81 +153,52 @@ TEST(Variant, AssignmentFromOwnChildAndMoves) {
   EXPECT_EQ("moved", (std::string)target);
   EXPECT_TRUE(source.IsUndefined());
 
-  Variant self;
-  self["k"] = 1;
-  Variant& alias = self;
-  self = alias;
-  EXPECT_EQ(1, (int)self["k"]);
 }
 
-TEST(Variant, MapAccessKeyChainAndRemoval) {
+TEST(Variant, MapAccessKeyChainRemovalAndReset) {
   Variant scalar(3);
   scalar["now"] = "a map";  // a scalar becomes a map on write access
   EXPECT_TRUE(scalar.IsMap());
   EXPECT_EQ(1u, scalar.MapSize());
 
-  const Variant& constScalar = Variant(7);
-  EXPECT_TRUE(constScalar["missing"].IsUndefined());
-
-  Variant map;
-  map["a"] = 1;
-  const Variant& constMap = map;
+  const Variant& constMap = scalar;
   EXPECT_TRUE(constMap["missing"].IsUndefined());
-  EXPECT_TRUE(constMap[9].IsUndefined());
-  EXPECT_EQ(1u, map.MapSize());  // const reads insert nothing
-  EXPECT_TRUE(map.HasKey("a"));
-  EXPECT_FALSE(map.HasKey("A"));
-  EXPECT_TRUE(map.HasKey("A", false));
-  EXPECT_FALSE(map.HasIndex(0));
+  EXPECT_EQ(1u, scalar.MapSize()) << "const reads insert nothing";
+  EXPECT_FALSE(scalar.HasKey("NOW"));
+  EXPECT_TRUE(scalar.HasKey("NOW", false));
 
   Variant tree;
   tree["parameters"]["streamName"] = "cam";
   tree["parameters"]["count"] = 4;
   EXPECT_EQ("cam", (std::string)*tree.GetKeyChain(V_STRING, "parameters/streamName"));
-  EXPECT_EQ(nullptr, tree.GetKeyChain(V_INT64, "parameters/count"));  // stored as INT32
-  ASSERT_NE(nullptr, tree.GetKeyChain(V_INT32, "parameters/count"));
-  EXPECT_EQ(nullptr, tree.GetKeyChain(V_STRING, "parameters/missing"));
+  EXPECT_EQ(nullptr, tree.GetKeyChain(V_INT64, "parameters/count")) << "stored as INT32";
+  EXPECT_NE(nullptr, tree.GetKeyChain(V_INT32, "parameters/count"));
   EXPECT_EQ(nullptr, tree.GetKeyChain(V_STRING, "parameters/streamName/deeper"));
   EXPECT_EQ(nullptr, tree.GetKeyChain(V_STRING, "Parameters/StreamName"));
   EXPECT_NE(nullptr, tree.GetKeyChain(V_STRING, "Parameters/StreamName", false));
-  EXPECT_NE(nullptr, tree.GetKeyChain(V_MAP, "parameters"));
   EXPECT_EQ(nullptr, Variant(1).GetKeyChain(V_STRING, "a"));
   *tree.GetKeyChain(V_STRING, "parameters/streamName") = "changed";
   EXPECT_EQ("changed", (std::string)tree["parameters"]["streamName"]);
 
   EXPECT_FALSE(tree["parameters"].RemoveValue("STREAMNAME"));
   EXPECT_TRUE(tree["parameters"].RemoveValue("STREAMNAME", false));
-  EXPECT_FALSE(tree["parameters"].HasKey("streamName"));
   EXPECT_TRUE(tree["parameters"].RemoveValue("count"));
   EXPECT_FALSE(tree["parameters"].RemoveValue("count"));
-  EXPECT_FALSE(Variant(1).RemoveValue("x"));
   EXPECT_EQ(0u, tree["parameters"].MapSize());
+
+  tree.Free();
+  EXPECT_TRUE(tree.IsUndefined());
+  tree.IsArray(false);
+  EXPECT_TRUE(tree.IsMap());
+  EXPECT_EQ(0u, tree.MapSize());
 }
 
-TEST(Variant, FreeResetAndIsArray) {
-  Variant v;
-  v["a"] = 1;
-  v.Free();
-  EXPECT_TRUE(v.IsUndefined());
-  v.IsArray(false);
-  EXPECT_TRUE(v.IsMap());
-  EXPECT_EQ(0u, v.MapSize());
-
-  Variant text("x");
-  text.IsArray(true);
-  EXPECT_TRUE(text.IsArray());
-  EXPECT_EQ(0u, text.MapSize());
-  text.Reset();
-  EXPECT_TRUE(text.IsNull());
-  EXPECT_FALSE(text.IsContainer());
-}
-
-TEST(Variant, ValidateNumericChecksAndFixesTheRange) {
+TEST(Variant, ValidateNumericAndToString) {
   Variant v;
   v["fps"] = 30;
   v["name"] = "x";
   EXPECT_TRUE(v.ValidateNumeric("fps", 1, 60, 25, true));
-  EXPECT_EQ(V_INT32, v["fps"].GetType());  // left alone when valid
+  EXPECT_EQ(V_INT32, v["fps"].GetType()) << "left alone when valid";
   EXPECT_FALSE(v.ValidateNumeric("fps", 1, 29, 25, false));
   EXPECT_EQ(30, (int)v["fps"]);
   EXPECT_FALSE(v.ValidateNumeric("fps", 1, 29, 25, true));
@@ -311,46 +206,28 @@ TEST(Variant, ValidateNumericChecksAndFixesTheRange) {
   EXPECT_EQ(25.0, (double)v["fps"]);
   EXPECT_FALSE(v.ValidateNumeric("name", 0, 100, 7, true));
   EXPECT_EQ(7, (int)v["name"]);
-  EXPECT_FALSE(v.ValidateNumeric("missing", 0, 1, 0.5, false));
-  EXPECT_FALSE(v.HasKey("missing"));
-  EXPECT_TRUE(v.ValidateNumeric("fps", 25, 25, 0, false));  // bounds inclusive
-}
+  EXPECT_TRUE(v.ValidateNumeric("fps", 25, 25, 0, false)) << "bounds inclusive";
 
-TEST(Variant, ToStringGivesReadableText) {
-  EXPECT_EQ("undefined", Variant().ToString());
-  EXPECT_EQ("plain", Variant("plain").ToString());
-  EXPECT_EQ("-3", Variant(-3).ToString());
   Variant map;
   map["b"] = true;
   map["a"] = "x";
   EXPECT_EQ("{\"a\":\"x\",\"b\":true}", map.ToString());
 }
 
-TEST(BaseVariantContainer, IsAMapAndNormalizeRepairsANonMap) {
-  BaseVariantContainer empty;
-  EXPECT_TRUE(empty.IsMap());
-  EXPECT_EQ(0u, empty.MapSize());
-
+TEST(BaseVariantContainer, IsAMapNormalizeRepairsANonMapStrictReadersRead) {
+  EXPECT_TRUE(BaseVariantContainer().IsMap());
   BaseVariantContainer fromScalar(Variant(5));
-  EXPECT_EQ(V_INT32, fromScalar.GetType());
   EXPECT_TRUE(fromScalar.NormalizeFields());
   EXPECT_TRUE(fromScalar.IsMap());
   EXPECT_EQ(0u, fromScalar.MapSize());
-
-  Variant source;
-  source["channelId"] = 2;
-  BaseVariantContainer copy(source);
-  EXPECT_TRUE(copy.NormalizeFields());
-  EXPECT_EQ(2, (int)copy["channelId"]);  // a map is kept as it is
-  copy = Variant("assigned");
-  EXPECT_TRUE(copy.IsString());
 
   BaseVariantContainer strict;
   strict["channelId"] = (unsigned char)3;
   strict["enabled"] = true;
   strict["name"] = "n";
   strict["child"]["x"] = 1;
-  EXPECT_EQ(3u, (unsigned int)strict.StrictNumeric("channelId"));
+  EXPECT_TRUE(strict.NormalizeFields());
+  EXPECT_EQ(3u, (unsigned int)strict.StrictNumeric("channelId")) << "a map is kept as it is";
   EXPECT_TRUE((bool)strict.StrictBool("enabled"));
   EXPECT_EQ("n", (std::string)strict.StrictString("name"));
   EXPECT_EQ(1, (int)strict.StrictMap("child")["x"]);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "basecontainer.h"
-#include "containerflv.h"
 #include "containervesk.h"
 #include "log_capture.h"
 #include "outstream.h"
@@ -17,7 +16,6 @@ namespace {
 using vesk::encoder::Encoder;
 using vesk::encoder::StreamInfo;
 using vesk::encoder::internal::BaseContainer;
-using vesk::encoder::internal::ContainerFLV;
 using vesk::encoder::internal::ContainerVesk;
 using vesk::encoder::internal::OutStream;
 using vesk::variant::Variant;
@@ -107,24 +105,19 @@ TEST(FlvGolden, SequenceHeaderClockSyncAndVideoTag) {
               (Bytes{'F', 'L', 'V', 1, (uint8_t)(extended ? 0x07 : 0x05), 0, 0, 0, 9, 0, 0, 0, 0}));
     EXPECT_EQ(metadata[13], 18);
 
+    // onClockSync: stream clock 0.0 ms, clock base 10000.0, the wall clock in between.
     const Bytes& clock = messages[1];
     ASSERT_EQ(clock.size(), 101u + ext.size());
-    EXPECT_EQ(Slice(clock, 0, 11), (Bytes{18, 0, 0, 86, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Slice(clock, 11, 14), Concat({{0x02, 0x00, 0x0B}, Text("onClockSync")}));
-    EXPECT_EQ(clock[25], 0x03);
-    EXPECT_EQ(Slice(clock, 26, 14), Concat({{0x00, 0x0B}, Text("streamClock"), {0x00}}));
-    EXPECT_EQ(Slice(clock, 40, 8), (Bytes{0, 0, 0, 0, 0, 0, 0, 0}));  // 0.0 ms into the stream
-    EXPECT_EQ(Slice(clock, 48, 18), Concat({{0x00, 0x0F}, Text("streamClockBase"), {0x00}}));
-    EXPECT_EQ(Slice(clock, 66, 8), (Bytes{0x40, 0xC3, 0x88, 0, 0, 0, 0, 0}));  // 10000.0
-    EXPECT_EQ(Slice(clock, 74, 12), Concat({{0x00, 0x09}, Text("wallClock"), {0x00}}));
     uint64_t bits = 0;
     for (int i = 0; i < 8; i++) bits = (bits << 8) | clock[86 + i];
     double wall;
     memcpy(&wall, &bits, sizeof(wall));
-    EXPECT_GE(wall, (double)before);
-    EXPECT_LE(wall, (double)after);
-    EXPECT_EQ(Slice(clock, 94, 7), (Bytes{0, 0, 9, 0, 0, 0, 97}));
-    EXPECT_EQ(Slice(clock, 101, ext.size()), ext);
+    EXPECT_TRUE(wall >= (double)before && wall <= (double)after) << wall;
+    EXPECT_EQ(clock, Concat({{18, 0, 0, 86, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x00, 0x0B},
+                             Text("onClockSync"), {0x03, 0x00, 0x0B}, Text("streamClock"),
+                             {0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x0F}, Text("streamClockBase"),
+                             {0x00, 0x40, 0xC3, 0x88, 0, 0, 0, 0, 0, 0x00, 0x09}, Text("wallClock"),
+                             {0x00}, Slice(clock, 86, 8), {0, 0, 9, 0, 0, 0, 97}, ext}));
 
     Bytes header = Concat({{9, 0, 0, 30, 0, 0, 0, 0, 0, 0, 0},  // tag, data size 30
                            {0x17, 0, 0, 0, 0},                 // key frame, sequence header
@@ -262,13 +255,6 @@ TEST(FlvGolden, OverlapAvoidance) {
   EXPECT_EQ(s.peer.Receive(0).size(), 0u);
 }
 
-// Splits vesk header fields of one packet.
-struct vesk_packet_t {
-  Bytes header;
-  uint16_t flags;
-  uint16_t sequence;
-};
-
 TEST(VeskGolden, ChannelHeadersChunksAndTimescales) {
   uint8_t header[4];
   ContainerVesk::PutChannelHeader(header, 1000);
@@ -360,43 +346,21 @@ Bytes Milestone(uint32_t packets) {
 }
 
 TEST(VeskGolden, MilestonesByPacketsAndBytes) {
-  {
+  // After 1000 packets; and after 749 packets of 1400 bytes (header
+  // included), when the byte limit (1 MiB) comes first.
+  for (uint32_t payload : {100u, 1384u}) {
     UdpStream s("vesk", NoParameters());
     ASSERT_TRUE(s.configured);
-    Bytes small(100, 0x11);
-    size_t received = 0;
-    for (int i = 0; i < 1000; i++) {
-      audio_frame_t audio = MakeAudioFrame(small, i * 1024, 16000);
+    Bytes bytes(payload, 0x22);
+    uint32_t count = payload == 100 ? 1000 : 749;
+    for (uint32_t i = 1; i <= count; i++) {
+      audio_frame_t audio = MakeAudioFrame(bytes, i * 1024, 48000);
       ASSERT_TRUE(s.stream.FeedAudioFrame(&audio));
-      auto packets = s.peer.Receive(i == 999 ? 2 : 1);
-      received += packets.size();
-      if (i < 999) {
-        ASSERT_EQ(packets.size(), 1u) << i;
-      }
-      if (i == 999) {
-        ASSERT_EQ(packets.size(), 2u);
-        EXPECT_EQ(packets[1], Milestone(1000));
-      }
-    }
-    EXPECT_EQ(received, 1001u);
-  }
-  {
-    // Packets of 1400 bytes, header included: the byte limit (1 MiB) comes
-    // first, after 749 packets.
-    UdpStream s("vesk", NoParameters());
-    ASSERT_TRUE(s.configured);
-    Bytes payload(1384, 0x22);
-    for (int i = 0; i < 749; i++) {
-      audio_frame_t audio = MakeAudioFrame(payload, i * 1024, 48000);
-      ASSERT_TRUE(s.stream.FeedAudioFrame(&audio));
-      auto packets = s.peer.Receive(i == 748 ? 2 : 1);
-      ASSERT_EQ(packets[0].size(), 1400u);
-      if (i < 748) {
-        ASSERT_EQ(packets.size(), 1u) << i;
-      }
-      if (i == 748) {
-        ASSERT_EQ(packets.size(), 2u);
-        EXPECT_EQ(packets[1], Milestone(749));
+      auto packets = s.peer.Receive(i == count ? 2 : 1);
+      ASSERT_EQ(packets.size(), i == count ? 2u : 1u) << i;
+      ASSERT_EQ(packets[0].size(), payload + 16);
+      if (i == count) {
+        EXPECT_EQ(packets[1], Milestone(count));
       }
     }
   }
@@ -464,13 +428,6 @@ TEST(PassThrough, SendsRawBytesWithTheRingRule) {
   ASSERT_EQ(messages.size(), 2u);
   EXPECT_EQ(messages[0], mic);
   EXPECT_EQ(messages[1], mixed);
-  // An empty frame still reaches the stream; UDP sends it as an empty datagram.
-  audio.payloadLength = 0;
-  audio.altPayloadLength = 0;
-  ASSERT_TRUE(s.stream.FeedAudioFrame(&audio));
-  messages = s.peer.Receive(1);
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_TRUE(messages[0].empty());
 }
 
 TEST(ContainerFactory, KeywordsAndTrackFlags) {
@@ -488,11 +445,6 @@ TEST(ContainerFactory, KeywordsAndTrackFlags) {
     EXPECT_EQ(container->GetType(), vesk::encoder::CONTAINER_PASSTHROUGH);
     delete container;
   }
-  BaseContainer* flv = BaseContainer::GetInstance(nullptr, "extendedFlv", info, parameters);
-  ASSERT_NE(flv, nullptr);
-  EXPECT_EQ(flv->GetType(), vesk::encoder::CONTAINER_FLV);
-  EXPECT_TRUE(static_cast<ContainerFLV*>(flv)->IsExtendedFormat());
-  delete flv;
 
   log.Clear();
   parameters["suppressAudio"] = true;
@@ -510,8 +462,6 @@ TEST(ContainerFactory, KeywordsAndTrackFlags) {
   parameters["suppressAudio"] = "yes";  // not a boolean: false
   UdpStream s("passThrough", parameters);
   ASSERT_TRUE(s.configured);
-  EXPECT_TRUE(s.stream.GetContainer()->IsSuppressingVideo());
-  EXPECT_FALSE(s.stream.GetContainer()->IsSuppressingAudio());
   Bytes bytes = {9, 9, 9};
   TestRing ring(16);
   video_frame_t frame;

@@ -60,12 +60,9 @@ TEST(OutStreamConfigure, TypesDestinationsAndRefusals) {
   ASSERT_TRUE(stream.Configure(config, info));
   ASSERT_NE(stream.GetContainer(), nullptr);
   EXPECT_TRUE(static_cast<ContainerFLV*>(stream.GetContainer())->IsExtendedFormat());
-  auto& transports = stream.GetTransports();
-  ASSERT_EQ(transports.size(), 4u);
-  EXPECT_EQ(PortOf(transports[0]), a.port());
-  EXPECT_EQ(PortOf(transports[1]), b.port());
-  EXPECT_EQ(PortOf(transports[2]), c.port());
-  EXPECT_EQ(PortOf(transports[3]), d.port());
+  ASSERT_EQ(stream.GetTransports().size(), 4u);
+  UdpPeer* order[] = {&a, &b, &c, &d};
+  for (int i = 0; i < 4; i++) EXPECT_EQ(PortOf(stream.GetTransports()[i]), order[i]->port()) << i;
   EXPECT_EQ(stream.GetSyncMonitor().streamOrdinal, 3u);
 
   // An array is taken in index order; a repeated Configure replaces all.
@@ -125,7 +122,7 @@ TEST(OutStreamConfigure, TypesDestinationsAndRefusals) {
   EXPECT_EQ(lines[2].priority, VESK_PRIO_WARNING);
 }
 
-TEST(TransportFactory, SchemasAndLevels) {
+TEST(TransportFactory, UnknownSchemas) {
   LogCapture log;
   URI uri;
   EXPECT_EQ(BaseTransport::GetInstance(nullptr, uri), nullptr);
@@ -139,27 +136,6 @@ TEST(TransportFactory, SchemasAndLevels) {
   EXPECT_EQ(lines[1].message, "schema not supported: `TCP`");
   EXPECT_EQ(lines[2].message, "schema not supported: ``");
   EXPECT_EQ(lines[0].function, "GetInstance");
-
-  // UDP: dotted IPv4 only, checked by the transport itself.
-  log.Clear();
-  URI bad;
-  bad["schema"] = "udp";
-  bad["ip"] = "10.0.0.300";
-  bad["port"] = (uint16_t)5000;
-  bad["originalUri"] = "udp://10.0.0.300:5000";
-  EXPECT_EQ(BaseTransport::GetInstance(nullptr, bad), nullptr);
-  EXPECT_TRUE(log.Has("Invalid address provided"));
-  EXPECT_TRUE(log.Has("unable to initialize transport from URI: `udp://10.0.0.300:5000`"));
-
-  UdpPeer peer;
-  ASSERT_TRUE(URI::FromString(peer.Uri(), true, uri));
-  BaseTransport* udp = BaseTransport::GetInstance(nullptr, uri);
-  ASSERT_NE(udp, nullptr);
-  EXPECT_TRUE(udp->Service());
-  EXPECT_EQ(udp->GetOutputBufferLevel(30), 30);
-  EXPECT_EQ(udp->GetOutputBufferLevel(250), 100);
-  EXPECT_EQ(vesk::encoder::internal::GetUriString(udp->GetURI(), "fullUri"), peer.Uri());
-  delete udp;
 }
 
 TEST(PeerMessages, EveryTypeTruncatedAndGarbage) {
@@ -168,9 +144,7 @@ TEST(PeerMessages, EveryTypeTruncatedAndGarbage) {
     bool bitrateSeen;
     int64_t bitrate;
     int level;
-    bool idr;
-    bool invalidIngest;
-    bool discarded;
+    bool idr, invalidIngest, discarded;
     uint32_t left;  // bytes still readable afterwards
   };
   std::vector<parse_case_t> cases = {
@@ -235,51 +209,8 @@ TEST(PeerMessages, EveryTypeTruncatedAndGarbage) {
   logSetMaxPriority(printed);
 }
 
-TEST(PeerMessages, StreamActsOnceForASplitReportAndForwardsIdrRequests) {
-  Encoder encoder;
-  StreamInfo info = MakeStreamInfo(true, true);
-  OutStream stream(&encoder, 0);
-  Variant config;
-  config["type"] = "flv";
-  ASSERT_TRUE(stream.Configure(config, info));
-
-  LogCapture log;
-  IOBuffer buffer;
-  // A report split over two receives (4 bytes, then 2) with an IDR request:
-  // acted on once, after the second; the encoder has no video track yet, so
-  // its ForceIDR says so.
-  uint8_t first[] = {0x00, 0x00, 0x00, 0x10};
-  buffer.ReadFromBuffer(first, sizeof(first));
-  stream.SignalTransportReceivedData(buffer);
-  EXPECT_EQ(buffer.GetAvailable(), 4u);
-  EXPECT_TRUE(log.Lines().empty());
-  uint8_t second[] = {0x00, 0xFE, 0x01};
-  buffer.ReadFromBuffer(second, sizeof(second));
-  stream.SignalTransportReceivedData(buffer);
-  EXPECT_EQ(buffer.GetAvailable(), 0u);
-  auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].message, "No video encoder configured");
-  EXPECT_EQ(lines[0].function, "ForceIDR");
-
-  // A report alone goes to the bit-rate adaptation only; garbage after an
-  // IDR request cancels the whole pass.
-  log.Clear();
-  uint8_t report[] = {0x00, 0x00, 0x00, 0x10, 0x00, 0x05};
-  buffer.ReadFromBuffer(report, sizeof(report));
-  stream.SignalTransportReceivedData(buffer);
-  uint8_t garbage[] = {0x01, 0x07, 0x01};
-  buffer.ReadFromBuffer(garbage, sizeof(garbage));
-  stream.SignalTransportReceivedData(buffer);
-  lines = log.Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].message, "Invalid message received.");
-  EXPECT_EQ(buffer.GetAvailable(), 0u);
-}
-
-TEST(OutStreamRate, SamplerRingAndStreamLevels) {
+TEST(OutStreamRate, SamplerLevelsAndDrift) {
   BandwidthSampler sampler;
-  EXPECT_EQ(sampler.GetRate(), -1);
   sampler.AddSample(1000, 100);
   EXPECT_EQ(sampler.GetRate(), -1);  // zero span
   sampler.AddSample(2000, 300);
@@ -293,38 +224,20 @@ TEST(OutStreamRate, SamplerRingAndStreamLevels) {
   Encoder encoder;
   StreamInfo info = MakeStreamInfo(true, true);
   OutStream stream(&encoder, 0);
-  EXPECT_EQ(stream.GetOutputBitrate(), -1);
   EXPECT_EQ(stream.GetOutputBufferLevel(30), 30);
-  EXPECT_EQ(stream.GetOutputBufferLevel(250), 100);
-  UdpPeer peer;
-  Variant config;
-  config["type"] = "passThrough";
-  config["destinations"][0u] = peer.Uri();
-  ASSERT_TRUE(stream.Configure(config, info));
-  EXPECT_EQ(stream.GetOutputBufferLevel(0), 0);
-  EXPECT_EQ(stream.GetOutputBufferLevel(42), 42);
-  EXPECT_EQ(stream.GetOutputBufferLevel(101), 100);
-  std::vector<uint8_t> bytes(1000, 1);
-  audio_frame_t audio = MakeAudioFrame(bytes, 0, 16000);
-  ASSERT_TRUE(stream.FeedAudioFrame(&audio));
-  EXPECT_EQ(stream.GetOutputBitrate(), -1);  // one sample
-}
-
-TEST(OutStreamDrift, SyncMonitorAgainstMaximumDrift) {
-  Encoder encoder;
-  StreamInfo info = MakeStreamInfo(true, true);
-  OutStream stream(&encoder, 0);
   UdpPeer peer;
   Variant config;
   config["type"] = "flv";
   config["destinations"][0u] = peer.Uri();
   ASSERT_TRUE(stream.Configure(config, info));
-  EXPECT_EQ(stream.GetMaxAllowedDrift().value, -1);
-  EXPECT_EQ(stream.GetMaxAllowedDrift().timescale, 0u);
+  EXPECT_EQ(stream.GetOutputBufferLevel(42), 42);
+  EXPECT_EQ(stream.GetOutputBufferLevel(101), 100);
 
+  // The drift between the last audio and video times against the maximum.
   std::vector<uint8_t> adts = {0xFF, 0xF1, 0x50, 0x80, 0x01, 0x3F, 0xFC, 0x21, 0x10};
   audio_frame_t audio = MakeAudioFrame(adts, 1000, 1000);
   ASSERT_TRUE(stream.FeedAudioFrame(&audio));
+  EXPECT_EQ(stream.GetOutputBitrate(), -1);  // one sample
   std::vector<uint8_t> picture = {0, 0, 0, 1, 0x41, 0x9A};
   TestRing ring(64);
   video_frame_t frame;
@@ -332,16 +245,13 @@ TEST(OutStreamDrift, SyncMonitorAgainstMaximumDrift) {
   frame.pts = timestamp_t(99000, 90000);
   ASSERT_TRUE(stream.FeedVideoFrame(&frame));
   EXPECT_FALSE(stream.IsDrifted());  // no maximum yet
-
   stream.SetMaxAllowedDrift(timestamp_t(100, 1000));
   EXPECT_FALSE(stream.IsDrifted());  // 1100 - 1000 = 100, not more
   frame.pts = timestamp_t(99091, 90000);
   ASSERT_TRUE(stream.FeedVideoFrame(&frame));
   EXPECT_TRUE(stream.IsDrifted());  // 1101
-  EXPECT_EQ(stream.GetSyncMonitor().lastVideo.value, 99091);
   stream.ResetSyncMonitor();
   EXPECT_FALSE(stream.IsDrifted());
-  EXPECT_EQ(stream.GetSyncMonitor().lastAudio.value, -1);
 }
 
 }  // namespace

@@ -25,91 +25,46 @@ using vesk::variant::URI;
 using vesk::variant::Variant;
 typedef std::vector<uint8_t> Bytes;
 
-uint32_t Be32(const uint8_t* p) {
-  return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
-}
-
-// Rebuilds frames from vesk packets, checking every header field on the way.
-class VeskReceiver {
- public:
+// Rebuilds frames from vesk packets, checking sequence numbers, the first
+// and last flags, padding and the total frame length on the way.
+struct VeskReceiver {
   struct frame_t {
     Bytes bytes;
     uint64_t pts;
     bool key;
   };
-
-  // Returns false (with a reason) on the first malformed packet.
-  bool Take(const Bytes& packet, std::string& reason) {
-    if (packet.size() < 12 || packet.size() % 4 != 0) return Fail(reason, "size");
-    if (packet[0] != 0xA0 || (packet[0] ^ packet[1] ^ packet[2]) != packet[3]) {
-      return Fail(reason, "channel header");
-    }
-    uint16_t channel = (uint16_t)((packet[1] << 8) | packet[2]);
-    uint16_t flags = (uint16_t)((packet[4] << 8) | packet[5]);
-    uint16_t sequence = (uint16_t)((packet[6] << 8) | packet[7]);
-    if (channel == 5) {
-      milestones_++;
-      return true;
-    }
-    channel_t& ch = channels_[channel];
-    if (sequence != (uint16_t)(ch.lastSequence + 1)) return Fail(reason, "sequence gap");
-    ch.lastSequence = sequence;
-    size_t pos = 8;
-    bool first = flags & 0x8000;
-    if (first) {
-      if (!ch.current.bytes.empty()) return Fail(reason, "first packet inside a frame");
-      if ((flags & 0xFF) == 1) pos += 4;
-      if (!(flags & 0x0800)) return Fail(reason, "no timestamp");
-      if (flags & 0x0400) {
-        ch.current.pts = ((uint64_t)Be32(&packet[pos]) << 32) | Be32(&packet[pos + 4]);
-        pos += 8;
-      } else {
-        ch.current.pts = Be32(&packet[pos]);
-        pos += 4;
-      }
-      if (flags & 0x0200) pos += 4;
-      ch.current.key = flags & 0x2000;
-      ch.expected = 0;
-      if (!(flags & 0x4000)) {
-        ch.expected = Be32(&packet[pos]);
-        pos += 4;
-      }
-    } else if ((flags & 0xFF) != 0) {
-      return Fail(reason, "timescale code on a later packet");
-    }
-    uint32_t chunk = Be32(&packet[pos]);
-    pos += 4;
-    if (chunk > 1400 || pos + chunk > packet.size() || packet.size() - pos - chunk > 3) {
-      return Fail(reason, "chunk length");
-    }
-    ch.current.bytes.insert(ch.current.bytes.end(), packet.begin() + pos,
-                            packet.begin() + pos + chunk);
-    if (flags & 0x4000) {
-      if (ch.expected != 0 && ch.expected != ch.current.bytes.size()) {
-        return Fail(reason, "total frame length");
-      }
-      ch.frames.push_back(ch.current);
-      ch.current = frame_t();
-    }
-    return true;
-  }
-
-  const std::vector<frame_t>& Frames(uint16_t channel) { return channels_[channel].frames; }
-  int milestones() const { return milestones_; }
-
- private:
   struct channel_t {
     uint16_t lastSequence = 0;
     uint32_t expected = 0;
     frame_t current;
     std::vector<frame_t> frames;
   };
-  static bool Fail(std::string& reason, const char* what) {
-    reason = what;
-    return false;
+  std::map<uint16_t, channel_t> channels;
+
+  // Empty, or what is wrong with the packet.
+  std::string Take(const Bytes& datagram) {
+    vesk_packet_t p;
+    if (ParseVeskPacket(datagram.data(), datagram.size(), p) != (long)datagram.size()) return "layout";
+    if (p.channel == 5) return "";  // milestone
+    channel_t& ch = channels[p.channel];
+    if (p.sequence != (uint16_t)(ch.lastSequence + 1)) return "sequence gap";
+    ch.lastSequence = p.sequence;
+    if (p.flags & 0x8000) {
+      if (!ch.current.bytes.empty()) return "first packet inside a frame";
+      if (!(p.flags & 0x0800)) return "no timestamp";
+      ch.current = {{}, p.pts, (p.flags & 0x2000) != 0};
+      ch.expected = p.total;
+    } else if ((p.flags & 0xFF) != 0) {
+      return "timescale code on a later packet";
+    }
+    ch.current.bytes.insert(ch.current.bytes.end(), p.chunk, p.chunk + p.chunkLength);
+    if (p.flags & 0x4000) {
+      if (ch.expected != 0 && ch.expected != ch.current.bytes.size()) return "total length";
+      ch.frames.push_back(ch.current);
+      ch.current = frame_t();
+    }
+    return "";
   }
-  std::map<uint16_t, channel_t> channels_;
-  int milestones_ = 0;
 };
 
 TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
@@ -131,7 +86,6 @@ TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
   ASSERT_TRUE(stream.Configure(config, info));
 
   VeskReceiver receiver;
-  std::string reason;
   // A ring a little larger than the largest picture, so that pictures wrap.
   size_t largest = 0;
   for (auto& picture : pictures) largest = std::max(largest, picture.bytes.size());
@@ -144,24 +98,24 @@ TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
     size_t expected = (pictures[i].bytes.size() + 1399) / 1400;
     auto datagrams = peer.Receive(expected);
     packets += datagrams.size();
-    for (auto& d : datagrams) ASSERT_TRUE(receiver.Take(d, reason)) << reason;
+    for (auto& d : datagrams) ASSERT_EQ(receiver.Take(d), "");
     if (i < aac.size()) {
       audio_frame_t audio = MakeAudioFrame(aac[i], (int64_t)i * 1024, 48000);
       ASSERT_TRUE(stream.FeedAudioFrame(&audio));
-      for (auto& d : peer.Receive(1)) ASSERT_TRUE(receiver.Take(d, reason)) << reason;
+      for (auto& d : peer.Receive(1)) ASSERT_EQ(receiver.Take(d), "");
     }
   }
   EXPECT_GE(ring.wrapped(), 1u);
   EXPECT_GT(packets, pictures.size());  // key pictures need several packets
 
-  auto& video = receiver.Frames(2001);
+  auto& video = receiver.channels[2001].frames;
   ASSERT_EQ(video.size(), pictures.size());
   for (size_t i = 0; i < pictures.size(); i++) {
     EXPECT_EQ(video[i].bytes, pictures[i].bytes) << i;
     EXPECT_EQ(video[i].pts, i * 3600) << i;
     EXPECT_EQ(video[i].key, pictures[i].key) << i;
   }
-  auto& audio = receiver.Frames(2000);
+  auto& audio = receiver.channels[2000].frames;
   size_t audioFrames = std::min(aac.size(), pictures.size());
   ASSERT_EQ(audio.size(), audioFrames);
   for (size_t i = 0; i < audioFrames; i++) {

@@ -1,15 +1,13 @@
 // ssl_t against an OpenSSL server built here over memory buffers: the
 // handshake, both directions, partial records, the peer's close and the
-// refusals of a wrong state or a TLS 1.3-only server.
+// refusals of a wrong state (the TLS 1.3-only server is in peers_test.cpp).
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
 #include <string>
 
-#include "log_capture.h"
 #include "tcp_test_util.h"
-#include "transporttcp.h"
 #include "vesk/utils/iobuffer.h"
 
 namespace vesk {
@@ -19,34 +17,11 @@ namespace {
 using vesk::encoder::internal::ssl_t;
 using vesk::utils::IOBuffer;
 
-// A self-signed certificate made once per program.
-struct test_cert_t {
-  TempDir dir;
-  std::string cert;
-  std::string key;
-  bool ok = false;
-};
-const test_cert_t& TestCert() {
-  static test_cert_t* made = nullptr;
-  if (made == nullptr) {
-    made = new test_cert_t();
-    made->cert = made->dir.File("cert.pem");
-    made->key = made->dir.File("key.pem");
-    std::string out;
-    made->ok = RunCommand("openssl req -x509 -newkey rsa:2048 -nodes -keyout '" + made->key +
-                              "' -out '" + made->cert + "' -days 2 -subj /CN=localhost 2>&1",
-                          out) == 0;
-  }
-  return *made;
-}
-
 // The server end: an SSL object over two memory BIOs.
 class MemoryServer {
  public:
-  explicit MemoryServer(int maxVersion) {
+  MemoryServer() {
     ctx_ = SSL_CTX_new(TLS_server_method());
-    SSL_CTX_set_max_proto_version(ctx_, maxVersion);
-    if (maxVersion == TLS1_3_VERSION) SSL_CTX_set_min_proto_version(ctx_, TLS1_3_VERSION);
     SSL_CTX_use_certificate_file(ctx_, TestCert().cert.c_str(), SSL_FILETYPE_PEM);
     SSL_CTX_use_PrivateKey_file(ctx_, TestCert().key.c_str(), SSL_FILETYPE_PEM);
     ssl_ = SSL_new(ctx_);
@@ -123,7 +98,7 @@ TEST(SslLayer, EncryptAndDecryptOverMemoryBuffers) {
   EXPECT_EQ(-1, client.doDecrypt(wire, plain));
   EXPECT_TRUE(log.Contains(" - SSL decrypt failed due to incorrect internal state"));
 
-  MemoryServer server(TLS1_2_VERSION);
+  MemoryServer server;
   ASSERT_TRUE(Handshake(client, server));
   EXPECT_EQ(TLS1_2_VERSION, SSL_version(server.ssl()));
 
@@ -179,19 +154,6 @@ TEST(SslLayer, EncryptAndDecryptOverMemoryBuffers) {
   EXPECT_FALSE(client.handshakeDone);
   EXPECT_EQ(-1, client.doHandshake(in, out));
   EXPECT_TRUE(log.Contains(" - SSL handshake failed due to incorrect internal state"));
-}
-
-TEST(SslLayer, Tls13OnlyServerRefusesTheHandshake) {
-  ASSERT_TRUE(TestCert().ok);
-  LogCapture log;
-  ssl_t client;
-  ASSERT_EQ(0, client.init());
-  MemoryServer server(TLS1_3_VERSION);
-  EXPECT_FALSE(Handshake(client, server));
-  EXPECT_FALSE(client.handshakeDone);
-  EXPECT_TRUE(log.Contains(
-      " - SSL handshake failed due to SSL_connect failure. sslConnectResult: -1; sslError: 1"));
-  ERR_clear_error();
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The adaptive bit rate: the step rule, camera-server, server-player and
 // motion pressure, and what the virtual camera is programmed with and produces.
+#include <tuple>
+
 #include "motiondetectionthread.h"
 #include "vesk/device/iav.h"
 #include "video_fixture.h"
@@ -86,18 +88,12 @@ class AdaptiveTrackTest : public VideoTrackTest {
 TEST_F(AdaptiveTrackTest, LimitsAreLoadedAtTheConfiguredRate) {
   ASSERT_TRUE(InitializeAndStart());
   const auto& r1 = track_->GetStreamBitrate(0);
-  EXPECT_EQ(r1.applied, 400000);
-  EXPECT_EQ(r1.cameraServer.minimum, 32000u);
-  EXPECT_EQ(r1.cameraServer.maximum, 400000u);
-  EXPECT_EQ(r1.cameraServer.current, 400000u);
-  EXPECT_TRUE(r1.serverPlayerEnabled);
-  EXPECT_EQ(r1.serverPlayer.minimum, 100000u);
-  EXPECT_TRUE(r1.motionEnabled);
-  EXPECT_EQ(r1.motion.minimum, 200000u);
+  EXPECT_EQ(std::make_tuple(r1.applied, r1.cameraServer.minimum, r1.cameraServer.maximum, r1.cameraServer.current),
+            std::make_tuple(400000, 32000u, 400000u, 400000u));
+  EXPECT_EQ(std::make_tuple(r1.serverPlayerEnabled, r1.serverPlayer.minimum, r1.motionEnabled, r1.motion.minimum),
+            std::make_tuple(true, 100000u, true, 200000u));
   const auto& r2 = track_->GetStreamBitrate(1);
-  EXPECT_FALSE(r2.serverPlayerEnabled);
-  EXPECT_FALSE(r2.motionEnabled);
-  EXPECT_EQ(r2.applied, 300000);
+  EXPECT_EQ(std::make_tuple(r2.serverPlayerEnabled, r2.motionEnabled, r2.applied), std::make_tuple(false, false, 300000));
   // All at their maxima: nothing is reprogrammed.
   uint32_t sets = vcam_request_count(IAV_IOC_SET_STREAM_CONFIG);
   track_->AdaptCameraServerBitrate(255);

@@ -5,7 +5,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
+#include <tuple>
 
 #include "vesk/device/iav.h"
 #include "video_fixture.h"
@@ -26,12 +28,12 @@ TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
   EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle"}));
   EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_PREVIEW);
   EXPECT_EQ(track.GetUcodeFd(), -1);  // microcode already resident: closed again
-  EXPECT_TRUE(log_.Has("Microcode version 2.7 - 14/3/2016"));
-  EXPECT_TRUE(log_.Has("S2L_66 chip detected capable of 633420Mbps"));
-  EXPECT_TRUE(log_.Has("System has following frequencies: cortex: 1008MHz; idsp: 504MHz; core: 432MHz; dram: 660MHz"));
-  EXPECT_TRUE(log_.Has("Sensor[0] setup at 1920x1080@30 in HDR mode 0 able to encode 633420Mbps"));
-  EXPECT_TRUE(log_.Has("Encoding 640x360@30 requires 27600Mbps out of 633420Mbps"));
-  EXPECT_TRUE(log_.Has("Setup is using 27600Mbps out of 633420Mbps (%4.36)"));
+  for (const char* line : {"Microcode version 2.7 - 14/3/2016", "S2L_66 chip detected capable of 633420Mbps",
+                           "System has following frequencies: cortex: 1008MHz; idsp: 504MHz; core: 432MHz; dram: 660MHz",
+                           "Sensor[0] setup at 1920x1080@30 in HDR mode 0 able to encode 633420Mbps",
+                           "Encoding 640x360@30 requires 27600Mbps out of 633420Mbps",
+                           "Setup is using 27600Mbps out of 633420Mbps (%4.36)"})
+    EXPECT_TRUE(log_.Has(line)) << line;
   EXPECT_EQ(Status().vinMode, 1u);  // 1080p at 60 is the best mode, run at 30
   EXPECT_EQ(Status().vinFramePeriod, 17066667u);
 
@@ -40,39 +42,27 @@ TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
   EXPECT_EQ((unsigned)v1["streamOrdinal"], 0u);
   EXPECT_EQ((int)v1["streamId"], 0);
   EXPECT_EQ((unsigned)v1["maxFps"], 30u);
-  EXPECT_EQ((unsigned)settings_.video()["vinFps"], 30u);
   Variant& rates = v1["validFpsValues"];
   ASSERT_EQ(rates.MapSize(), 17u);  // the divisors of 90000 up to 30
-  EXPECT_EQ((unsigned)rates[0], 1u);
   EXPECT_EQ((unsigned)rates[6], 8u);
-  EXPECT_EQ((unsigned)rates[15], 25u);
   EXPECT_EQ((unsigned)rates[16], 30u);
   EXPECT_FALSE(Stream("video2").HasKey("streamOrdinal"));
 
   vcam_stream_status_t s = StreamStatus(0);
-  EXPECT_EQ(s.type, IAV_STREAM_TYPE_H264);
-  EXPECT_EQ(s.width, 640u);
-  EXPECT_EQ(s.height, 360u);
-  EXPECT_EQ(s.M, 1u);
-  EXPECT_EQ(s.N, 10u);
-  EXPECT_EQ(s.fpsNumerator, 30u);
-  EXPECT_EQ(s.fpsDenominator, 30u);
-  EXPECT_EQ(s.idrInterval, 30u);
+  EXPECT_EQ(std::make_tuple(s.type, s.width, s.height, s.M, s.N, s.fpsNumerator, s.fpsDenominator, s.idrInterval),
+            std::make_tuple((uint32_t)IAV_STREAM_TYPE_H264, 640u, 360u, 1u, 10u, 30u, 30u, 30u));
   EXPECT_EQ(s.rcMode, IAV_BRC_MODE_VBR);
   EXPECT_EQ(s.targetBitrate, 400000u);
   EXPECT_GE(s.forcedIdrs, 1u);
 
   iav_system_resource_t resource;
   vcam_get_system_resource(&resource);
-  EXPECT_EQ(resource.maxEncodeStreams, 4u);
-  EXPECT_EQ(resource.exposureNum, 1u);
   EXPECT_EQ(resource.systemId, 0x1234u);
   EXPECT_EQ(resource.options & IAV_SYSRES_OPT_ME0_SCALE_MASK, 2u);
   EXPECT_EQ(resource.stream[0].maxWidth, 640u);
   EXPECT_EQ(resource.stream[0].maxM, 3u);
   iav_srcbuf_setup_t buffers;
   vcam_get_source_buffers(&buffers);
-  EXPECT_EQ(buffers.type[0], IAV_SRCBUF_TYPE_ENCODE);
   EXPECT_EQ(buffers.size[0].width, 640u);
   EXPECT_EQ(buffers.type[1], IAV_SRCBUF_TYPE_OFF);
 
@@ -88,60 +78,56 @@ TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
   EXPECT_EQ(events_.back(), "EventIavStateEnterIdle");
 }
 
-TEST_F(VideoTrackTest, StreamBitsAreDenseAndHrdDropsTheHighCopy) {
-  AddStream(kVideo2);
-  AddStream(kVideo3);
-  AddStream(kMjpg);
-  ASSERT_TRUE(InitializeAndStart());
-  EXPECT_EQ(Status().lastStartArgument, 0x00070007u);
-  EXPECT_EQ((unsigned)Stream("video2")["streamOrdinal"], 0u);
-  EXPECT_EQ((unsigned)Stream("video3")["streamOrdinal"], 1u);
-  EXPECT_EQ((unsigned)Stream("mjpg")["streamOrdinal"], 2u);
-  EXPECT_EQ((std::string)Stream("mjpg")["name"], "mjpg");
-  EXPECT_EQ(StreamStatus(2).type, IAV_STREAM_TYPE_MJPEG);
-  EXPECT_EQ(StreamStatus(2).quality, 80u);
-  EXPECT_EQ(StreamStatus(2).fpsNumerator, 5u);
-  EXPECT_EQ(StreamStatus(1).fpsNumerator, 10u);
-  // Rate control targets count at the VIN rate: 200000 at 15 of 30 is 400000.
-  EXPECT_EQ(StreamStatus(0).targetBitrate, 400000u);
-  EXPECT_EQ(StreamStatus(1).targetBitrate, 300000u);
-  ASSERT_TRUE(track_->StopEncoding());
-  EXPECT_EQ(Status().lastStopArgument, 0x00070007u);
-
-  settings_.video()["enableHrd"] = true;
+TEST_F(VideoTrackTest, StreamsAreNumberedDenselyInTheStartMask) {
+  struct ordinal_case_t {
+    std::vector<stream_spec_t> specs;
+    uint32_t start;
+    std::vector<int> ordinals;  // per spec, -1: not configured
+  };
+  const stream_spec_t mjpg1 = {"mjpg1", 640, 360, 10, 0, 50};
+  const stream_spec_t mjpg2 = {"mjpg2", 640, 360, 2, 0, 30};
+  const ordinal_case_t cases[] = {{{kVideo2, kVideo3, kMjpg}, 0x00070007u, {0, 1, 2}},
+                                  {{kVideo3}, 0x00010001u, {0}},
+                                  {{kVideo1, kMjpg, mjpg1, mjpg2}, 0x00070007u, {0, -1, 1, 2}}};  // mjpg1 wins
+  for (const ordinal_case_t& c : cases) {
+    ResetSettings();
+    for (const stream_spec_t& spec : c.specs) AddStream(spec);
+    ASSERT_TRUE(InitializeAndStart());
+    EXPECT_EQ(Status().lastStartArgument, c.start);
+    for (size_t i = 0; i < c.specs.size(); i++) {
+      Variant& e = Stream(c.specs[i].key);
+      if (c.ordinals[i] < 0) {
+        EXPECT_FALSE(e.HasKey("streamOrdinal")) << c.specs[i].key;
+        continue;
+      }
+      EXPECT_EQ((int)(unsigned)e["streamOrdinal"], c.ordinals[i]) << c.specs[i].key;
+      EXPECT_EQ((int)e["streamId"], c.ordinals[i]);
+      EXPECT_EQ((std::string)e["name"], c.specs[i].key);
+      vcam_stream_status_t status = StreamStatus(c.ordinals[i]);
+      EXPECT_EQ(status.fpsNumerator, c.specs[i].fps);
+      if (c.specs[i].key[0] == 'm') {
+        EXPECT_EQ(status.type, IAV_STREAM_TYPE_MJPEG);
+        EXPECT_EQ(status.quality, c.specs[i].bitrate);
+      } else {
+        // Rate control targets count at the VIN rate: 200000 at 15 of 30 is 400000.
+        EXPECT_EQ(status.targetBitrate, c.specs[i].bitrate * 30 / c.specs[i].fps);
+      }
+    }
+    ASSERT_TRUE(track_->StopEncoding());
+    EXPECT_EQ(Status().lastStopArgument, c.start);
+  }
+  settings_.video()["enableHrd"] = true;  // HRD drops the high copy
   ASSERT_TRUE(InitializeAndStart());
   EXPECT_EQ(Status().lastStartArgument, 0x7u);
-}
 
-TEST_F(VideoTrackTest, OnlyVideo3AndNoStreamAtAll) {
-  AddStream(kVideo3);
-  ASSERT_TRUE(InitializeAndStart());
-  EXPECT_EQ(Status().lastStartArgument, 0x00010001u);
-  EXPECT_EQ((int)Stream("video3")["streamId"], 0);
-  EXPECT_EQ(StreamStatus(0).width, 320u);
-
-  Stream("video3")["enabled"] = false;
+  // No stream at all still starts encoding.
+  ResetSettings();
   log_.Clear();
+  uint32_t starts = vcam_request_count(IAV_IOC_START_ENCODE);
   ASSERT_TRUE(InitializeAndStart());
   EXPECT_EQ(Status().lastStartArgument, 0u);
-  EXPECT_EQ(vcam_request_count(IAV_IOC_START_ENCODE), 2u);
+  EXPECT_EQ(vcam_request_count(IAV_IOC_START_ENCODE), starts + 1);
   EXPECT_TRUE(log_.Has("Setup is using 0Mbps out of 633420Mbps (%0.00)"));
-}
-
-TEST_F(VideoTrackTest, Mjpg1WinsOverMjpgAndMjpg2TakesTheNextSlot) {
-  AddStream(kVideo1);
-  AddStream(kMjpg);
-  stream_spec_t mjpg1 = {"mjpg1", 640, 360, 10, 0, 50};
-  stream_spec_t mjpg2 = {"mjpg2", 640, 360, 2, 0, 30};
-  AddStream(mjpg1);
-  AddStream(mjpg2);
-  ASSERT_TRUE(InitializeAndStart());
-  EXPECT_FALSE(Stream("mjpg").HasKey("streamOrdinal"));
-  EXPECT_EQ((unsigned)Stream("mjpg1")["streamOrdinal"], 1u);
-  EXPECT_EQ((unsigned)Stream("mjpg2")["streamOrdinal"], 2u);
-  EXPECT_EQ(StreamStatus(1).quality, 50u);
-  EXPECT_EQ(StreamStatus(2).quality, 30u);
-  EXPECT_EQ(Status().lastStartArgument, 0x00070007u);
 }
 
 TEST_F(VideoTrackTest, BudgetAcceptsExactlyTheCapacityAndRefusesOneMore) {
@@ -151,14 +137,11 @@ TEST_F(VideoTrackTest, BudgetAcceptsExactlyTheCapacityAndRefusesOneMore) {
   ASSERT_TRUE(MakeTrack().Initialize());
   EXPECT_TRUE(log_.Has("Setup is using 216000Mbps out of 216000Mbps (%100.00)"));
 
-  settings_ = EncoderSettings();
-  settings_.video()["vinFps"] = (unsigned short)30;
+  ResetSettings();
   AddStream({"video1", 1712, 1056, 30, 0, 400000});
   AddStream({"video2", 1616, 656, 1, 1, 400000});
-  log_.Clear();
-  events_.clear();
   uint32_t modesBefore = vcam_request_count(IAV_IOC_VIN_SET_MODE);
-  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("Encoding 1616x656@1 requires 4141Mbps out of 216000Mbps"));
   EXPECT_TRUE(log_.Has("Mbps exceeded: wanted: 216001; max: 216000"));
   EXPECT_EQ(vcam_request_count(IAV_IOC_VIN_SET_MODE), modesBefore);  // the driver was not touched
@@ -168,27 +151,18 @@ TEST_F(VideoTrackTest, BudgetAcceptsExactlyTheCapacityAndRefusesOneMore) {
 
 TEST_F(VideoTrackTest, BudgetClampsSizesAndRatesIntoTheVin) {
   AddStream({"video1", 1282, 722, 30, 0, 400000});
-  Variant& v2 = settings_.video()["video2"];
-  v2["enabled"] = true;  // no size, no rate: the VIN's
-  v2["M"] = 1u;
-  v2["sourceId"] = 1u;
-  Variant& v3 = settings_.video()["video3"];
-  v3["enabled"] = true;
-  v3["width"] = 100u;
-  v3["height"] = 5000u;
-  v3["fps"] = (unsigned char)0;
-  v3["M"] = 1u;
-  v3["sourceId"] = 2u;
+  AddStream({"video2", 0, 0, 0, 1, 400000});
+  AddStream({"video3", 100, 5000, 0, 2, 400000});
+  for (const char* key : {"width", "height", "fps"}) Stream("video2").RemoveValue(key);  // no size, no rate: the VIN's
   ASSERT_TRUE(MakeTrack().Initialize());
   EXPECT_TRUE(log_.Has("Encoding 1282x722@30 requires 111780Mbps out of 633420Mbps"));
-  EXPECT_EQ((unsigned)Stream("video2")["width"], 1920u);
-  EXPECT_EQ((unsigned)Stream("video2")["height"], 1080u);
-  EXPECT_EQ((unsigned)Stream("video2")["fps"], 30u);
   EXPECT_TRUE(log_.Has("FPS value corrected. Max FPS: 30; Wanted FPS: 255; Correct FPS: 30"));
   EXPECT_TRUE(log_.Has("FPS value corrected. Max FPS: 30; Wanted FPS: 0; Correct FPS: 1"));
-  EXPECT_EQ((unsigned)Stream("video3")["width"], 160u);
-  EXPECT_EQ((unsigned)Stream("video3")["height"], 1080u);
-  EXPECT_EQ((unsigned)Stream("video3")["fps"], 1u);
+  auto shape = [this](const char* key) {
+    return std::make_tuple((unsigned)Stream(key)["width"], (unsigned)Stream(key)["height"], (unsigned)Stream(key)["fps"]);
+  };
+  EXPECT_EQ(shape("video2"), std::make_tuple(1920u, 1080u, 30u));
+  EXPECT_EQ(shape("video3"), std::make_tuple(160u, 1080u, 1u));
 }
 
 TEST_F(VideoTrackTest, GopRulesForceMOneAndCheckTheRate) {
@@ -207,8 +181,7 @@ TEST_F(VideoTrackTest, GopRulesForceMOneAndCheckTheRate) {
   settings_.video()["lowDelay"] = false;
   Stream("video1")["M"] = 2u;
   Stream("video1")["fps"] = (unsigned char)4;
-  log_.Clear();
-  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("FPS is lower than M"));
   EXPECT_TRUE(log_.Has("Unable to setup framerate"));
   EXPECT_TRUE(log_.Contains("Unable to setup encoding:\n"));
@@ -253,12 +226,11 @@ TEST_F(VideoTrackTest, VinRateFollowsVinFps) {
 
   vcam_sensor_mode_t odd[] = {{0, 0, 1920, 1080, 17083750}};
   ASSERT_EQ(vcam_set_sensor_modes(odd, 1), 0);
-  log_.Clear();
-  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("Unable to properly translate the FPS value"));
 }
 
-TEST_F(VideoTrackTest, ChipRowsFollowTheReportedId) {
+TEST_F(VideoTrackTest, ChipRowsFollowTheReportedIdAndUnknownChipsEndTheProcess) {
   AddStream(kVideo1);
   vcam_set_chip_id(7);
   EXPECT_FALSE(MakeTrack().Initialize());
@@ -271,9 +243,8 @@ TEST_F(VideoTrackTest, ChipRowsFollowTheReportedId) {
   // Id 8 passes the range test and reads the row past the table.
   vcam_set_chip_id(8);
   EXPECT_EQ(encoder::internal::GetChipPerformance(), 0u);
-}
 
-TEST_F(VideoTrackTest, UnidentifiableChipsEndTheProcess) {
+  // Chips that cannot be identified end the process.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   vcam_set_chip_id(-1);
   EXPECT_DEATH(encoder::internal::GetChip(), "chipId not properly detected");
@@ -318,29 +289,29 @@ TEST_F(VideoTrackTest, EachDriverFailureLogsItsLineAndStopsInitialize) {
   AddStream(kVideo1);
   for (const failure_case_t& c : cases) {
     SCOPED_TRACE(c.line);
-    vcam_reset();
-    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
-    log_.Clear();
-    events_.clear();
+    CameraTest::SetUp();
     vcam_fault_request(c.request, EIO, 1);
-    EXPECT_FALSE(MakeTrack().Initialize());
-    bool found = false;
-    for (const captured_line_t& line : log_.Lines())
-      if (line.message == c.line && line.priority == VESK_PRIO_ERROR && line.errorValue == EIO) found = true;
-    EXPECT_TRUE(found);
+    EXPECT_FALSE(Reinitialize());
+    std::vector<captured_line_t> lines = log_.Lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const captured_line_t& l) {
+      return l.message == c.line && l.priority == VESK_PRIO_ERROR && l.errorValue == EIO;
+    }));
     EXPECT_EQ(!events_.empty(), c.idleSent);
     EXPECT_NE(Status().iavState, VCAM_IAV_STATE_PREVIEW);
   }
   vcam_clear_faults();
   // The format failures are told again by the stream set-up.
   vcam_fault_request(IAV_IOC_SET_STREAM_FORMAT, EBUSY, 1);
-  log_.Clear();
-  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("Unable to set the encoding format"));
   vcam_fault_request(VCAM_OP_MMAP, ENOMEM, 1);
-  log_.Clear();
-  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("Unable to mmap memory"));
+  variant::CameraInfo::SetFailInit(true);
+  EXPECT_FALSE(MakeTrack().Initialize());
+  variant::CameraInfo::SetFailInit(false);
+  EXPECT_TRUE(log_.Has("Unable to initialize camera information"));
+  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_IDLE);
   // A failed start sends no event.
   ASSERT_TRUE(MakeTrack().Initialize());
   events_.clear();
@@ -365,8 +336,7 @@ TEST_F(VideoTrackTest, StreamRangeErrorsFailBeforeTheDriver) {
   EXPECT_FALSE(MakeTrack().Initialize());
   EXPECT_TRUE(log_.Has("Invalid quality value (it should be 1-100, 0 given)"));
   Stream("mjpg")["quality"] = (unsigned char)60;
-  log_.Clear();
-  EXPECT_FALSE(MakeTrack().Initialize());
+  EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("streamId (4) should be in range [0..3]"));
   EXPECT_EQ((unsigned)Stream("mjpg2")["streamOrdinal"], 4u);
 }
@@ -382,15 +352,6 @@ TEST_F(VideoTrackTest, CbrSettingsStillProgramTheVbrMaximum) {
   // The starting QP of the stream's size: 320x180 is nearest to 352x240.
   EXPECT_EQ(track_->CalculateTargetQP(400000, 0), 15);
   EXPECT_EQ(track_->CalculateTargetQP(900000, 0), 13);
-}
-
-TEST_F(VideoTrackTest, SystemIdAndCameraInfoFailure) {
-  AddStream(kVideo1);
-  variant::CameraInfo::SetFailInit(true);
-  EXPECT_FALSE(MakeTrack().Initialize());
-  variant::CameraInfo::SetFailInit(false);
-  EXPECT_TRUE(log_.Has("Unable to initialize camera information"));
-  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_IDLE);
 }
 
 TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
@@ -415,8 +376,7 @@ TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
     SCOPED_TRACE(c.line);
     vcam_set_ucode_loaded(0);
     vcam_fault_request(c.request, EIO, 1);
-    log_.Clear();
-    EXPECT_FALSE(MakeTrack().Initialize());
+    EXPECT_FALSE(Reinitialize());
     EXPECT_TRUE(log_.Has(c.line));
     EXPECT_EQ(vcam_get_ucode_loaded(), 0);
   }

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "camera_fixture.h"
 #include "log_capture.h"
 #include "trackencodervideos2l.h"
 #include "vesk/ipc/ipc.h"
 #include "vesk/settings/encodersettings.h"
 #include "vesk/variant/camerainfo.h"
-#include "vesk/virtualcam/virtualcam.h"
 
 namespace vesk {
 namespace test {
@@ -30,14 +30,18 @@ struct stream_spec_t {
   unsigned int bitrate;  // "bitRateVbrMax" (H.264) or quality (MJPEG)
 };
 
-class VideoTrackTest : public ::testing::Test {
+class VideoTrackTest : public CameraTest {
  protected:
   void SetUp() override {
-    vcam_reset();
-    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
+    CameraTest::SetUp();
     variant::CameraInfo::OverrideSysid(0x1234);
     listener_ = ipc::Ipc::GetInstance().AddListener(
         [this](const Variant& message) { events_.push_back((std::string)message["functionName"]); });
+    ResetSettings();
+  }
+
+  void ResetSettings() {
+    settings_ = EncoderSettings();
     settings_["firmwarePath"] = "/lib/firmware/";
     settings_.video()["vinFps"] = (unsigned short)30;
   }
@@ -47,7 +51,7 @@ class VideoTrackTest : public ::testing::Test {
     track_ = nullptr;
     ipc::Ipc::GetInstance().RemoveListener(listener_);
     variant::CameraInfo::OverrideSysid(-1);
-    vcam_reset();
+    CameraTest::TearDown();
   }
 
   // Enables one stream with M 1, one IDR per second and the given size.
@@ -76,23 +80,19 @@ class VideoTrackTest : public ::testing::Test {
     return *track_;
   }
 
+  // A new track initialized with the captured lines and events cleared.
+  bool Reinitialize() {
+    log_.Clear();
+    events_.clear();
+    return MakeTrack().Initialize();
+  }
+
   bool InitializeAndStart() {
     TrackEncoderVideoS2L& track = MakeTrack();
     return track.Initialize() && track.StartEncoding();
   }
 
   Variant& Stream(const char* key) { return settings_.video()[key]; }
-
-  static vcam_status_t Status() {
-    vcam_status_t status;
-    vcam_get_status(&status);
-    return status;
-  }
-  static vcam_stream_status_t StreamStatus(uint32_t id) {
-    vcam_stream_status_t status;
-    vcam_get_stream_status(id, &status);
-    return status;
-  }
 
   EncoderSettings settings_;
   TrackEncoderVideoS2L* track_ = nullptr;

@@ -1,19 +1,18 @@
 // Talks to the virtual camera through the device layer, as the video track
 // does, on the manual clock.
-#ifndef VESK_TESTS_VIRTUALCAM_CAMERA_FIXTURE_H
-#define VESK_TESTS_VIRTUALCAM_CAMERA_FIXTURE_H
+#ifndef VESK_TESTS_VIRTUALCAM_DRIVER_FIXTURE_H
+#define VESK_TESTS_VIRTUALCAM_DRIVER_FIXTURE_H
 
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <string.h>
 #include <sys/mman.h>
 
 #include <vector>
 
+#include "camera_fixture.h"
 #include "vesk/device/device.h"
 #include "vesk/device/iav.h"
-#include "vesk/virtualcam/virtualcam.h"
 
 constexpr uint32_t kPeriod30 = 17066667;  // 512000000 / 30, rounded
 
@@ -30,19 +29,17 @@ struct StreamSetup {
   uint32_t quality = 80;
 };
 
-class VirtualCameraTest : public ::testing::Test {
+class VirtualCameraTest : public vesk::test::CameraTest {
  protected:
   void SetUp() override {
-    vcam_reset();
-    vcam_set_clock_mode(VCAM_CLOCK_MANUAL);
+    CameraTest::SetUp();
     iav_ = vdev_open(VDEV_PATH_IAV, O_RDWR);
     ASSERT_GE(iav_, 0) << strerror(errno);
   }
-
   void TearDown() override {
     if (ring_ != nullptr) vdev_munmap(const_cast<uint8_t*>(ring_), ringLength_ * 2);
     if (iav_ >= 0) vdev_close(iav_);
-    vcam_reset();
+    CameraTest::TearDown();
   }
 
   // errno of a request, 0 when it succeeds.
@@ -51,8 +48,7 @@ class VirtualCameraTest : public ::testing::Test {
   }
   template <typename T>
   int Request(unsigned long request, T* record) {
-    void* pointer = const_cast<void*>(static_cast<const void*>(record));
-    return vdev_ioctl(iav_, request, pointer) == 0 ? 0 : errno;
+    return vdev_ioctl(iav_, request, const_cast<void*>(static_cast<const void*>(record))) == 0 ? 0 : errno;
   }
 
   int SetStreamConfig(uint32_t id, uint32_t cid, const void* payload, size_t size) {
@@ -65,24 +61,19 @@ class VirtualCameraTest : public ::testing::Test {
   }
 
   int SetBitrate(uint32_t id, uint32_t target) {
-    iav_stream_cfg_t cfg;
-    memset(&cfg, 0, sizeof(cfg));
-    cfg.id = id;
-    cfg.cid = IAV_STMCFG_BITRATE;
-    if (Request(IAV_IOC_GET_STREAM_CONFIG, &cfg) != 0) return -1;
-    cfg.arg.bitrate.targetBitrate = target;
-    cfg.arg.bitrate.rcMode = IAV_BRC_MODE_VBR;
-    cfg.arg.bitrate.vbrLevel = 4;
-    cfg.arg.bitrate.adaptQp = 0;
-    cfg.arg.bitrate.qpMinI = cfg.arg.bitrate.qpMinP = cfg.arg.bitrate.qpMinB = 1;
-    cfg.arg.bitrate.qpMaxI = cfg.arg.bitrate.qpMaxP = cfg.arg.bitrate.qpMaxB = 51;
-    return Request(IAV_IOC_SET_STREAM_CONFIG, &cfg);
+    iav_stream_bitrate_t b;
+    memset(&b, 0, sizeof(b));
+    b.targetBitrate = target;
+    b.rcMode = IAV_BRC_MODE_VBR;
+    b.vbrLevel = 4;
+    b.qpMinI = b.qpMinP = b.qpMinB = 1;
+    b.qpMaxI = b.qpMaxP = b.qpMaxB = 51;
+    return SetStreamConfig(id, IAV_STMCFG_BITRATE, &b, sizeof(b));
   }
 
   int ForceIdr(uint32_t id) { return SetStreamConfig(id, IAV_STMCFG_FORCE_IDR, nullptr, 0); }
 
-  // Idle, VIN 1080p at 30, resources, source buffers 0 (1920x1080) and 1
-  // (640x360).
+  // Idle, VIN 1080p at 30, resources, source buffers 0 (1920x1080) and 1 (640x360).
   void SetUpIdleVin() {
     ASSERT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
     iav_vin_mode_t mode = {0, 0, 0, 0};
@@ -90,20 +81,16 @@ class VirtualCameraTest : public ::testing::Test {
     iav_vin_fps_t fps = {0, kPeriod30};
     ASSERT_EQ(Request(IAV_IOC_VIN_SET_FPS, &fps), 0);
     iav_system_resource_t resource;
-    memset(&resource, 0, sizeof(resource));
     ASSERT_EQ(Request(IAV_IOC_GET_SYSTEM_RESOURCE, &resource), 0);
-    resource.maxEncodeStreams = 4;
-    resource.maxSourceBuffers = 4;
+    resource.maxEncodeStreams = resource.maxSourceBuffers = 4;
     resource.exposureNum = 1;
     ASSERT_EQ(Request(IAV_IOC_SET_SYSTEM_RESOURCE, &resource), 0);
     iav_srcbuf_setup_t buffers;
-    memset(&buffers, 0, sizeof(buffers));
     ASSERT_EQ(Request(IAV_IOC_GET_SOURCE_BUFFER_SETUP, &buffers), 0);
     for (uint32_t& type : buffers.type) type = IAV_SRCBUF_TYPE_OFF;
     buffers.size[0] = iav_size_t{1920, 1080};
-    buffers.type[0] = IAV_SRCBUF_TYPE_ENCODE;
     buffers.size[1] = iav_size_t{640, 360};
-    buffers.type[1] = IAV_SRCBUF_TYPE_ENCODE;
+    buffers.type[0] = buffers.type[1] = IAV_SRCBUF_TYPE_ENCODE;
     ASSERT_EQ(Request(IAV_IOC_SET_SOURCE_BUFFER_SETUP, &buffers), 0);
   }
 
@@ -119,25 +106,25 @@ class VirtualCameraTest : public ::testing::Test {
     format.height = s.height;
     format.offsetX = format.offsetY = 0;
     ASSERT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), 0);
-    if (s.type == IAV_STREAM_TYPE_H264) {
-      iav_h264_config_t h264;
-      memset(&h264, 0, sizeof(h264));
-      h264.id = s.id;
-      ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &h264), 0);
-      h264.M = 1;
-      h264.N = s.N;
-      h264.gopModel = 0;
-      h264.cabac = 1;
-      h264.audType = 1;
-      h264.lowLatency = 0;
-      ASSERT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &h264), 0);
+    bool h264 = s.type == IAV_STREAM_TYPE_H264;
+    if (h264) {
+      iav_h264_config_t config;
+      memset(&config, 0, sizeof(config));
+      config.id = s.id;
+      ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &config), 0);
+      config.M = 1;
+      config.N = s.N;
+      config.gopModel = 0;
+      config.cabac = config.audType = 1;
+      config.lowLatency = 0;
+      ASSERT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &config), 0);
     } else {
       iav_stream_quality_t quality = {s.quality};
       ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_MJPEG_QUALITY, &quality, sizeof(quality)), 0);
     }
     iav_stream_fps_t fps = {s.fps, 30};
     ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_FPS, &fps, sizeof(fps)), 0);
-    if (s.type == IAV_STREAM_TYPE_H264) {
+    if (h264) {
       iav_stream_gop_t gop = {s.idrInterval, 1};
       ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_GOP, &gop, sizeof(gop)), 0);
       ASSERT_EQ(SetBitrate(s.id, s.bitrate), 0);
@@ -183,10 +170,10 @@ class VirtualCameraTest : public ::testing::Test {
     return true;
   }
 
-  std::vector<iav_framedesc_t> DrainFrames() {
+  std::vector<iav_framedesc_t> DrainFrames(int32_t stream = IAV_STREAM_ID_ANY) {
     std::vector<iav_framedesc_t> frames;
     iav_framedesc_t desc;
-    while (NextFrame(&desc)) frames.push_back(desc);
+    while (NextFrame(&desc, stream)) frames.push_back(desc);
     return frames;
   }
 
@@ -199,14 +186,13 @@ class VirtualCameraTest : public ::testing::Test {
   size_t ringLength_ = 0;
 };
 
-// NAL unit types of an Annex B picture, in order; -1 in `types` marks a NAL
-// unit not behind a 4-byte start code.
+// NAL unit types of an Annex B picture, in order; -1 marks a NAL unit not
+// behind a 4-byte start code.
 inline std::vector<int> NalTypes(const std::vector<uint8_t>& bytes) {
   std::vector<int> types;
   for (size_t i = 0; i + 3 < bytes.size(); ++i) {
     if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1) {
-      bool four = i > 0 && bytes[i - 1] == 0;
-      types.push_back(four ? (bytes[i + 3] & 0x1F) : -1);
+      types.push_back(i > 0 && bytes[i - 1] == 0 ? (bytes[i + 3] & 0x1F) : -1);
       i += 2;
     }
   }
