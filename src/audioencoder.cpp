@@ -93,6 +93,13 @@ int AudioEncoder::Initialize() {
   return err;
 }
 
+bool AudioEncoder::IsSupportedTriplet(unsigned mode, unsigned sampleRate, unsigned bitRate) {
+  for (const limits_row_t& row : kLimits)
+    if (row.mode == (int)mode && row.sampleRate == sampleRate)
+      return bitRate >= row.minimum && bitRate <= row.maximum;
+  return false;
+}
+
 int AudioEncoder::ValidateSettings(unsigned mode, unsigned sampleRate, unsigned bitRate) {
   auto byMode = bitrateLimits_.find((int)mode);
   if (byMode != bitrateLimits_.end()) {

@@ -41,6 +41,8 @@ class AudioEncoder : public Thread {
 
   int Initialize();
   int ValidateSettings(unsigned mode, unsigned sampleRate, unsigned bitRate);
+  // Whether the AAC encoder takes this (mode, sample rate, bit rate) triplet.
+  static bool IsSupportedTriplet(unsigned mode, unsigned sampleRate, unsigned bitRate);
   // The oldest ready frame, now owned by the caller until its next call with
   // releasePrevious true; null when none is ready.
   audio_frame_t* GetFrame(bool releasePrevious, int& error);

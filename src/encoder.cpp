@@ -199,6 +199,10 @@ int Encoder::EncodeFrames() {
 
 int Encoder::GetVideoChipPerformance() { return (int)internal::GetChipPerformance(); }
 
+bool Encoder::IsAudioTripletSupported(unsigned mode, unsigned sampleRate, unsigned bitRate) {
+  return internal::AudioEncoder::IsSupportedTriplet(mode, sampleRate, bitRate);
+}
+
 bool Encoder::ForceIDR() {
   if (videoTrack_ == nullptr) {
     VLOG_ERROR("No video encoder configured");

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vesk/settings.h"
+#include "vesk/encoder.h"
 
 namespace vesk {
 namespace camera {
@@ -15,22 +15,6 @@ namespace {
 
 using vesk::variant::Variant;
 namespace enc = vesk::encoder;
-
-struct triplet_row_t {
-  unsigned mode;
-  unsigned sampleRate;
-  unsigned minBitRate;
-  unsigned maxBitRate;
-};
-
-// What the audio encoder accepts; anything else stops the audio track at start.
-const triplet_row_t kTriplets[] = {
-    {0, 8000, 8000, 12000},    {0, 11025, 8000, 40000},   {0, 12000, 8000, 40000},
-    {0, 16000, 16000, 80000},  {0, 22050, 16000, 80000},  {0, 24000, 16000, 80000},
-    {0, 32000, 16000, 160000}, {0, 44100, 16000, 160000}, {0, 48000, 16000, 160000},
-    {1, 32000, 14000, 64000},  {1, 44100, 14000, 64000},  {1, 48000, 14000, 64000},
-    {3, 32000, 14000, 64000},  {3, 44100, 14000, 64000},  {3, 48000, 14000, 64000},
-};
 
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Format(const char* format, ...) {
@@ -169,12 +153,7 @@ void CheckAudio(enc::EncoderSettings& settings, const Variant& raw, std::vector<
 }  // namespace
 
 bool IsSupportedAudioTriplet(unsigned mode, unsigned sampleRate, unsigned bitRate) {
-  for (const triplet_row_t& row : kTriplets) {
-    if (row.mode == mode && row.sampleRate == sampleRate) {
-      return bitRate >= row.minBitRate && bitRate <= row.maxBitRate;
-    }
-  }
-  return false;
+  return enc::Encoder::IsAudioTripletSupported(mode, sampleRate, bitRate);
 }
 
 std::vector<std::string> FindSettingsWarnings(const Variant& raw) {

@@ -48,6 +48,9 @@ class Encoder {
   const EncoderSettings& GetCurrentSettings() const { return currentSettings_; }
   // The performance figure of the detected chip.
   static int GetVideoChipPerformance();
+  // Whether the AAC encoder takes this audio (mode, sample rate, bit rate)
+  // triplet; audio settings outside it leave the encoder without audio.
+  static bool IsAudioTripletSupported(unsigned mode, unsigned sampleRate, unsigned bitRate);
 
   // Asks the video track for an IDR picture on all streams.
   bool ForceIDR();
