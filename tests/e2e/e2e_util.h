@@ -1,53 +1,89 @@
-// Helpers of the end-to-end tests: a scratch directory, vesk-camera and the
-// ffmpeg tools run as child processes, settings trees built in JSON.
+// Helpers of the end-to-end tests: a scratch directory, vesk-camera as a child
+// process, ffprobe's view of a file, settings trees built in JSON.
 #pragma once
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "shell_util.h"
+#include "tcp_peer_util.h"
+
 namespace vesk {
 namespace e2e {
 
 using json = nlohmann::json;
+using test::FreePort;
+using test::ReadFile;
+
+inline std::string CameraPath() { return VESK_E2E_CAMERA; }
 
 // A fresh directory under /tmp, removed with everything in it.
 class ScratchDir {
  public:
-  ScratchDir();
-  ~ScratchDir();
-  const std::string& path() const { return path_; }
+  ScratchDir() {
+    char pattern[] = "/tmp/vesk-e2e-XXXXXX";
+    path_ = mkdtemp(pattern) != nullptr ? pattern : "";
+  }
+  ~ScratchDir() {
+    if (!path_.empty()) test::RunCommand("rm -rf '" + path_ + "'");
+  }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
  private:
   std::string path_;
 };
 
-// A child process with its stdout and stderr in files.
+// A program run with stdin empty and stdout and stderr in files; killed if
+// still running when destroyed.
 class Child {
  public:
-  // env: extra variables (NAME=value) on top of this process's. stdin is
-  // empty, or with openStdin a pipe that stays open until the child ends
-  // (for peers such as openssl s_server that hang up when their input ends).
-  Child(const std::vector<std::string>& argv, const std::string& outPath, const std::string& errPath,
-        const std::vector<std::string>& env = {}, bool openStdin = false);
-  ~Child();  // kills a child still running
-  bool Started() const { return pid_ > 0; }
-  void Signal(int signal);
-  // The exit code, or -1 when it did not exit within timeoutMs (it is then
-  // killed), or 128 + signal when a signal ended it.
-  int Wait(int timeoutMs);
-  bool Running();
+  Child(const std::vector<std::string>& argv, const std::string& outPath, const std::string& errPath) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  ~Child() { Wait(0); }
+  void Signal(int signal) {
+    if (pid_ > 0 && status_ < 0) kill(pid_, signal);
+  }
+  bool Running() {
+    int status;
+    if (pid_ <= 0 || status_ >= 0) return false;
+    if (waitpid(pid_, &status, WNOHANG) != pid_) return true;
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return false;
+  }
+  // The exit code; -1 when it did not exit within timeoutMs (it is then killed).
+  int Wait(int timeoutMs) {
+    if (test::WaitUntil([&] { return !Running(); }, timeoutMs, 5)) return status_;
+    Signal(SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    return -1;
+  }
 
  private:
   pid_t pid_ = -1;
   int status_ = -1;
-  int stdinWriter_ = -1;
 };
 
 struct run_result_t {
@@ -56,46 +92,106 @@ struct run_result_t {
   std::string err;
 };
 
-std::string CameraPath();
-std::string ExamplesDir();
+// vesk-camera ARGS... with extra NAME=value variables, waited for up to timeoutMs.
+inline run_result_t RunCamera(const std::vector<std::string>& args, int timeoutMs = 20000,
+                              const std::vector<std::string>& env = {}) {
+  ScratchDir logs;
+  std::vector<std::string> argv = {"env"};
+  argv.insert(argv.end(), env.begin(), env.end());
+  argv.push_back(CameraPath());
+  argv.insert(argv.end(), args.begin(), args.end());
+  Child child(argv, logs / "out", logs / "err");
+  int code = child.Wait(timeoutMs);
+  return {code, ReadFile(logs / "out"), ReadFile(logs / "err")};
+}
 
-// vesk-camera ARGS..., waited for up to timeoutMs.
-run_result_t RunCamera(const std::vector<std::string>& args, int timeoutMs,
-                       const std::vector<std::string>& env = {});
+// A shell command's exit code; output gets its stdout and stderr together.
+inline int Shell(const std::string& command, std::string& output) {
+  int status = -1;
+  output = test::RunCommand(command + " 2>&1", &status);
+  return status;
+}
 
-// A shell command's exit code and its stdout and stderr together.
-int Shell(const std::string& command, std::string& output);
+inline void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
 
-std::string ReadFile(const std::string& path);
-bool WriteFile(const std::string& path, const std::string& text);
-// Waits up to timeoutMs for the file to hold text.
-bool WaitForText(const std::string& path, const std::string& text, int timeoutMs);
+inline bool WaitForText(const std::string& path, const std::string& text, int timeoutMs) {
+  return test::WaitUntil([&] { return ReadFile(path).find(text) != std::string::npos; }, timeoutMs, 20);
+}
 
-// Ports on the loopback that were free a moment ago.
-uint16_t FreeUdpPort();
-uint16_t FreeTcpPort();
-
-// ffprobe's view of a file: one map of fields per stream, in stream order,
-// and the format's fields (tags as "TAG:name").
+// ffprobe's fields per stream (in stream order) and of the format (tags as "TAG:name").
 struct probe_t {
   std::vector<std::map<std::string, std::string>> streams;
   std::map<std::string, std::string> format;
-  const std::map<std::string, std::string>* Stream(const std::string& codecType) const;
+  const std::map<std::string, std::string>* Stream(const std::string& codecType) const {
+    for (const auto& stream : streams)
+      if (stream.count("codec_type") != 0 && stream.at("codec_type") == codecType) return &stream;
+    return nullptr;
+  }
 };
-bool Probe(const std::string& path, probe_t& probe, const std::string& inputFormat = "");
-// ffmpeg's decode of the whole file: true when it exits 0 and prints nothing.
-bool DecodesCleanly(const std::string& path, std::string& errors, const std::string& inputFormat = "");
 
-// Building blocks of settings trees.
-json AudioBlock(unsigned sampleRate, unsigned channels, unsigned bitRate);
-json H264Stream(unsigned sourceId, unsigned width, unsigned height, unsigned fps, const json& avSerializer);
-json MjpgStream(unsigned sourceId, unsigned width, unsigned height, unsigned fps, const json& avSerializer);
-json Serializer(const std::string& type, const std::vector<std::string>& destinations,
-                const json& parameters = json::object());
-std::string WriteSettings(const ScratchDir& dir, const json& settings, const std::string& name = "settings.json");
+inline bool Probe(const std::string& path, probe_t& probe, const std::string& inputFormat = "") {
+  std::string output;
+  std::string format = inputFormat.empty() ? "" : "-f " + inputFormat + " ";
+  int code = Shell("ffprobe -v error -count_frames -show_streams -show_format " + format + "'" + path + "'", output);
+  probe = probe_t();
+  // [STREAM] key=value ... [/STREAM], [FORMAT] ... [/FORMAT]
+  std::istringstream lines(output);
+  std::map<std::string, std::string>* current = nullptr;
+  for (std::string line; std::getline(lines, line);) {
+    size_t eq = line.find('=');
+    if (line == "[STREAM]") {
+      probe.streams.emplace_back();
+      current = &probe.streams.back();
+    } else if (line == "[FORMAT]") {
+      current = &probe.format;
+    } else if (current != nullptr && eq != std::string::npos) {
+      (*current)[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+  }
+  return code == 0 && !probe.streams.empty();
+}
 
-// A number out of "key N" in text (the first occurrence after `after`); -1 when absent.
-long long NumberAfter(const std::string& text, const std::string& key, const std::string& after = "");
+// ffmpeg decodes the whole file, exits 0 and prints nothing.
+inline bool DecodesCleanly(const std::string& path, std::string& errors, const std::string& inputFormat = "") {
+  std::string format = inputFormat.empty() ? "" : "-f " + inputFormat + " ";
+  return Shell("ffmpeg -nostdin -v error " + format + "-i '" + path + "' -f null -", errors) == 0 && errors.empty();
+}
+
+inline json AudioBlock(unsigned sampleRate, unsigned channels, unsigned bitRate) {
+  return {{"enabled", true},          {"type", "aac"},       {"mode", 0},     {"channels", channels},
+          {"sampleRate", sampleRate}, {"bitRate", bitRate}, {"volume", 70}};
+}
+
+inline json H264Stream(unsigned sourceId, unsigned width, unsigned height, unsigned fps, const json& avSerializer) {
+  return {{"enabled", true}, {"sourceId", sourceId}, {"width", width}, {"height", height},
+          {"fps", fps},      {"M", 1},               {"N", fps},      {"nMultiplier", 1},
+          {"gopModel", 0},   {"bitRateVbrMax", 800000}, {"bitRateCbrAvg", 800000},
+          {"avSerializer", avSerializer}};
+}
+
+inline json MjpgStream(unsigned sourceId, unsigned width, unsigned height, unsigned fps, const json& avSerializer) {
+  return {{"enabled", true}, {"sourceId", sourceId}, {"width", width}, {"height", height},
+          {"fps", fps},      {"quality", 80},        {"avSerializer", avSerializer}};
+}
+
+inline json Serializer(const std::string& type, const std::vector<std::string>& destinations,
+                       const json& parameters = json::object()) {
+  return {{"type", type}, {"parameters", parameters}, {"destinations", destinations}};
+}
+
+inline std::string WriteSettings(const ScratchDir& dir, const json& settings,
+                                 const std::string& name = "settings.json") {
+  WriteFile(dir / name, settings.dump(2));
+  return dir / name;
+}
+
+// The number after the first `key` that follows `after` in text; -1 when absent.
+inline long long NumberAfter(const std::string& text, const std::string& key, const std::string& after = "") {
+  size_t at = text.find(key, after.empty() ? 0 : text.find(after));
+  return at == std::string::npos ? -1 : strtoll(text.c_str() + at + key.size(), nullptr, 10);
+}
 
 }  // namespace e2e
 }  // namespace vesk

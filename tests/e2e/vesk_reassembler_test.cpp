@@ -50,34 +50,31 @@ TEST(VeskReassembler, JoinsChunksAndSkipsWhatWasBrokenOnTheWay) {
     frames.push_back(*frame.bytes);
     seen.push_back(frame);
   });
+  auto feed = [&](const std::vector<uint8_t>& packet, size_t cut = 0) {
+    return reassembler.Feed(packet.data(), packet.size() - cut);
+  };
   // A video key frame of 5 bytes in two packets (the second needs 2 bytes of padding).
-  std::vector<uint8_t> head = Build({1001, 0x8000 | 0x2000 | 0x0800 | 12, 1, 0, 9000, 5, {1, 2, 3}});
-  EXPECT_TRUE(reassembler.Feed(head.data(), head.size()));
-  std::vector<uint8_t> second = Build({1001, 0x4000, 2, 0, 0, 0, {4, 5}});
-  EXPECT_TRUE(reassembler.Feed(second.data(), second.size()));
+  EXPECT_TRUE(feed(Build({1001, 0x8000 | 0x2000 | 0x0800 | 12, 1, 0, 9000, 5, {1, 2, 3}})));
+  EXPECT_TRUE(feed(Build({1001, 0x4000, 2, 0, 0, 0, {4, 5}})));
   ASSERT_EQ(frames.size(), 1u);
   EXPECT_EQ(frames[0], (std::vector<uint8_t>{1, 2, 3, 4, 5}));
-  EXPECT_TRUE(seen[0].key);
-  EXPECT_FALSE(seen[0].audio);
+  EXPECT_TRUE(seen[0].key && !seen[0].audio);
   EXPECT_EQ(seen[0].timestamp, 9000u);
   EXPECT_EQ(seen[0].timescale, 90000u);
 
-  // An audio frame at 96 kHz: code 1 and the timescale in little-endian order.
-  // The timestamp needs 8 bytes (flag 0x0400).
-  std::vector<uint8_t> longAudio = Build({1000, 0xFC00 | 1, 1, 96000, 4294967296ull + 7, 0, {9}});
-  EXPECT_TRUE(reassembler.Feed(longAudio.data(), longAudio.size()));
+  // An audio frame at 96 kHz: code 1 and the timescale in little-endian
+  // order; the timestamp needs 8 bytes (flag 0x0400).
+  EXPECT_TRUE(feed(Build({1000, 0xFC00 | 1, 1, 96000, 4294967296ull + 7, 0, {9}})));
   ASSERT_EQ(frames.size(), 2u);
   EXPECT_TRUE(seen[1].audio);
   EXPECT_EQ(seen[1].timescale, 96000u);
   EXPECT_EQ(seen[1].timestamp, 4294967296ull + 7);
 
   // A lost middle packet: the frame is dropped and the gap counted; the next frame arrives.
-  std::vector<uint8_t> first = Build({1001, 0x8000 | 0x0800 | 12, 3, 0, 12000, 6, {1, 2}});
-  std::vector<uint8_t> last = Build({1001, 0x4000, 5, 0, 0, 0, {5, 6}});
   std::vector<uint8_t> whole = Build({1001, 0xC000 | 0x0800 | 12, 6, 0, 15000, 0, {7}});
-  reassembler.Feed(first.data(), first.size());
-  reassembler.Feed(last.data(), last.size());
-  reassembler.Feed(whole.data(), whole.size());
+  feed(Build({1001, 0x8000 | 0x0800 | 12, 3, 0, 12000, 6, {1, 2}}));
+  feed(Build({1001, 0x4000, 5, 0, 0, 0, {5, 6}}));
+  feed(whole);
   ASSERT_EQ(frames.size(), 3u);
   EXPECT_EQ(frames[2], (std::vector<uint8_t>{7}));
   const vesk_channel_stats_t& video = reassembler.Channels().at(1001);
@@ -88,10 +85,9 @@ TEST(VeskReassembler, JoinsChunksAndSkipsWhatWasBrokenOnTheWay) {
   // Not vesk: a wrong check byte, a chunk longer than the datagram, missing padding.
   std::vector<uint8_t> bad = whole;
   bad[3] ^= 1;
-  EXPECT_FALSE(reassembler.Feed(bad.data(), bad.size()));
-  EXPECT_FALSE(reassembler.Feed(whole.data(), whole.size() - 4));
-  std::vector<uint8_t> unpadded = Build({1001, 0xC000, 7, 0, 0, 0, {1, 2, 3}});
-  EXPECT_FALSE(reassembler.Feed(unpadded.data(), unpadded.size() - 1));
+  EXPECT_FALSE(feed(bad));
+  EXPECT_FALSE(feed(whole, 4));
+  EXPECT_FALSE(feed(Build({1001, 0xC000, 7, 0, 0, 0, {1, 2, 3}}), 1));
   EXPECT_EQ(reassembler.Malformed(), 3u);
   EXPECT_EQ(frames.size(), 3u);
 }
@@ -104,20 +100,11 @@ TEST(VeskReassembler, MilestoneCountsAreComparedWithWhatArrived) {
     return Build({kVeskControlChannel, 0xF000, 0, 0, 0, 0, chunk});
   };
   auto media = [](uint16_t sequence) { return Build({1001, 0xC000 | 0x0800 | 12, sequence, 0, 0, 0, {1}}); };
-  std::vector<uint8_t> packet = media(1);
-  reassembler.Feed(packet.data(), packet.size());
-  packet = milestone(40);  // joined late: the first milestone is not judged
-  reassembler.Feed(packet.data(), packet.size());
-  for (uint16_t sequence = 2; sequence <= 4; sequence++) {
-    packet = media(sequence);
+  // Joined late: the first milestone is not judged; then 3 packets counted
+  // right, then 2 counted where one went missing.
+  for (const std::vector<uint8_t>& packet :
+       {media(1), milestone(40), media(2), media(3), media(4), milestone(3), media(6), milestone(2)})
     reassembler.Feed(packet.data(), packet.size());
-  }
-  packet = milestone(3);
-  reassembler.Feed(packet.data(), packet.size());
-  packet = media(6);
-  reassembler.Feed(packet.data(), packet.size());
-  packet = milestone(2);  // one media packet went missing
-  reassembler.Feed(packet.data(), packet.size());
   EXPECT_EQ(reassembler.Milestones(), 3u);
   EXPECT_EQ(reassembler.MilestoneMismatches(), 1u);
 }
