@@ -82,7 +82,7 @@ TEST_F(VideoTrackTest, StreamsAreNumberedDenselyInTheStartMask) {
   struct ordinal_case_t {
     std::vector<stream_spec_t> specs;
     uint32_t start;
-    std::vector<int> ordinals;  // per spec, -1: not configured
+    std::vector<int> ordinals;  // -1: not configured
   };
   const stream_spec_t mjpg1 = {"mjpg1", 640, 360, 10, 0, 50};
   const stream_spec_t mjpg2 = {"mjpg2", 640, 360, 2, 0, 30};
