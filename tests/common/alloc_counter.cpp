@@ -16,6 +16,7 @@ uint64_t AllocationCount() { return g_allocations.load(std::memory_order_relaxed
 }  // namespace test
 }  // namespace vesk
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 void* operator new(size_t size) {
   g_allocations.fetch_add(1, std::memory_order_relaxed);
   void* p = malloc(size ? size : 1);
@@ -27,3 +28,4 @@ void operator delete(void* p) noexcept { free(p); }
 void operator delete[](void* p) noexcept { free(p); }
 void operator delete(void* p, size_t) noexcept { free(p); }
 void operator delete[](void* p, size_t) noexcept { free(p); }
+#endif
