@@ -19,8 +19,6 @@ class Decoder {
   explicit Decoder(AVCodecID id) {
     const AVCodec* codec = avcodec_find_decoder(id);
     context_ = avcodec_alloc_context3(codec);
-    packet_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
     open_ = avcodec_open2(context_, codec, nullptr) == 0;
   }
   ~Decoder() {
@@ -28,8 +26,6 @@ class Decoder {
     av_packet_free(&packet_);
     avcodec_free_context(&context_);
   }
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
 
   // Pictures of width x height that came out (flush: the last one too); -1
   // when the bytes are refused.
@@ -49,8 +45,8 @@ class Decoder {
 
  private:
   AVCodecContext* context_;
-  AVPacket* packet_;
-  AVFrame* frame_;
+  AVPacket* packet_ = av_packet_alloc();
+  AVFrame* frame_ = av_frame_alloc();
   bool open_;
 };
 

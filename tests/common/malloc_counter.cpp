@@ -29,8 +29,7 @@ void Count() {
 }
 }  // namespace
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 void CountThisThread(bool on) { t_counting = on; }
 void CountThreadsNamed(const char* name) {
   g_named = false;
@@ -40,8 +39,7 @@ void CountThreadsNamed(const char* name) {
 }
 size_t MallocCount() { return g_count.load(); }
 void ResetMallocCount() { g_count = 0; }
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test
 
 extern "C" {
 void* malloc(size_t size) noexcept {

@@ -5,8 +5,7 @@
 
 #include <cstddef>
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 
 void CountThisThread(bool on);
 // Threads with this name (as set by prctl) count too; nullptr stops them.
@@ -14,5 +13,4 @@ void CountThreadsNamed(const char* name);
 size_t MallocCount();
 void ResetMallocCount();
 
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

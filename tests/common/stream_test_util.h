@@ -1,7 +1,5 @@
-// Helpers of the stream and transport tests: shell commands, scratch
-// directories, real H.264 and AAC made by ffmpeg, pictures placed in a
-// bitstream ring the way the video driver leaves them, a loopback UDP peer,
-// ffprobe/ffmpeg checks and a vesk packet parser.
+// Stream test helpers: scratch dirs, ffmpeg-made H.264/AAC, a driver-like
+// bitstream ring, a loopback UDP peer, ffprobe/ffmpeg checks, a vesk parser.
 #pragma once
 
 #include <arpa/inet.h>
@@ -9,14 +7,10 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -24,16 +18,15 @@
 #include "vesk/records.h"
 #include "vesk/streaminfo.h"
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 
 using vesk::encoder::audio_frame_t;
 using vesk::encoder::timestamp_t;
 using vesk::encoder::video_frame_t;
 
 inline std::vector<uint8_t> ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::string bytes = ReadFile(path);
+  return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
 class TempDir {
@@ -49,18 +42,15 @@ class TempDir {
   std::string path_;
 };
 
-// ffprobe's "codec,width,height,frames" / "codec,rate,channels,frames" lines.
 inline std::string ProbeStreams(const std::string& path, const std::string& format = "") {
   return RunCommand("ffprobe -v error " + format + " -count_frames -show_entries stream=codec_name,"
                     "width,height,sample_rate,channels,nb_read_frames -of csv=p=0 '" + path + "' 2>&1");
 }
 
-// What a full decode reports at error level: nothing when the file is clean.
 inline std::string DecodeErrors(const std::string& path, const std::string& format = "") {
   return RunCommand("ffmpeg -nostdin -v error " + format + " -i '" + path + "' -f null - 2>&1");
 }
 
-// One access unit with every NAL behind a 4-byte start code, and its map.
 struct h264_picture_t {
   std::vector<uint8_t> bytes;
   uint32_t nal[9];
@@ -104,14 +94,11 @@ inline std::vector<h264_picture_t> MakeH264(const TempDir& dir, int width, int h
                                             int frames, int gop) {
   std::string path = dir.File("video.h264");
   int status = -1;
-  RunCommand("ffmpeg -nostdin -v error -y -f lavfi -i testsrc=size=" + std::to_string(width) +
-                     "x" + std::to_string(height) + ":rate=25 -frames:v " +
-                     std::to_string(frames) + " -c:v libx264 -preset ultrafast -threads 1 -bf 0 -g " +
-                     std::to_string(gop) + " -x264-params aud=1:scenecut=0 -f h264 '" + path +
-                     "' 2>&1",
-             &status);
-  if (status != 0) return {};
-  return SplitAccessUnits(ReadWholeFile(path));
+  RunCommand("ffmpeg -nostdin -v error -y -f lavfi -i testsrc=size=" + std::to_string(width) + "x" +
+                 std::to_string(height) + ":rate=25 -frames:v " + std::to_string(frames) +
+                 " -c:v libx264 -preset ultrafast -threads 1 -bf 0 -g " + std::to_string(gop) +
+                 " -x264-params aud=1:scenecut=0 -f h264 '" + path + "' 2>&1", &status);
+  return status != 0 ? std::vector<h264_picture_t>() : SplitAccessUnits(ReadWholeFile(path));
 }
 
 // AAC access units, each with its 7-byte ADTS header.
@@ -120,11 +107,9 @@ inline std::vector<std::vector<uint8_t>> MakeAac(const TempDir& dir, int sampleR
   std::string path = dir.File("audio.aac");
   int status = -1;
   RunCommand("ffmpeg -nostdin -v error -y -f lavfi -i sine=f=440:sample_rate=" +
-                     std::to_string(sampleRate) + " -t " + std::to_string(seconds) +
-                     " -c:a aac -b:a 32k -ac 1 -f adts '" + path + "' 2>&1",
-             &status);
-  if (status != 0) return {};
-  std::vector<uint8_t> adts = ReadWholeFile(path);
+                 std::to_string(sampleRate) + " -t " + std::to_string(seconds) +
+                 " -c:a aac -b:a 32k -ac 1 -f adts '" + path + "' 2>&1", &status);
+  std::vector<uint8_t> adts = status == 0 ? ReadWholeFile(path) : std::vector<uint8_t>();
   std::vector<std::vector<uint8_t>> frames;
   size_t pos = 0;
   while (pos + 7 <= adts.size() && adts[pos] == 0xFF && (adts[pos + 1] & 0xF0) == 0xF0) {
@@ -142,9 +127,8 @@ class TestRing {
  public:
   explicit TestRing(uint32_t size) : ring_(size, 0) {}
 
-  // Non-key pictures carry their map in auxInfo with nalMap poisoned, as the
-  // driver leaves them; every fifth picture that does not wrap is described
-  // by an offset beyond the ring's end.
+  // Non-key maps go to auxInfo with nalMap poisoned; every fifth unwrapped
+  // picture gets an offset beyond the ring's end.
   void Place(const h264_picture_t& picture, int64_t pts, video_frame_t& frame) {
     PlaceBytes(picture.bytes, position_, frame);
     if (!frame.isContiguous) wrapped_++;
@@ -165,7 +149,6 @@ class TestRing {
     placed_++;
   }
 
-  // Writes raw bytes as one picture at a given position.
   void PlaceBytes(const std::vector<uint8_t>& bytes, uint32_t at, video_frame_t& frame) {
     frame = video_frame_t();
     uint32_t size = (uint32_t)ring_.size();
@@ -180,7 +163,6 @@ class TestRing {
 
   uint32_t wrapped() const { return wrapped_; }
   uint8_t* data() { return ring_.data(); }
-
  private:
   std::vector<uint8_t> ring_;
   uint32_t position_ = 0, placed_ = 0, wrapped_ = 0;
@@ -196,7 +178,6 @@ inline audio_frame_t MakeAudioFrame(std::vector<uint8_t>& payload, int64_t pts,
   return frame;
 }
 
-// A stream description with every key present.
 inline vesk::encoder::StreamInfo MakeStreamInfo(bool hasVideo, bool hasAudio) {
   vesk::encoder::StreamInfo info;
   info.NormalizeFields();
@@ -215,28 +196,32 @@ inline vesk::encoder::StreamInfo MakeStreamInfo(bool hasVideo, bool hasAudio) {
   return info;
 }
 
-// A bound loopback UDP socket that receives what a stream sends.
+inline vesk::variant::Variant StreamConfig(const std::string& type,
+                                          const std::vector<std::string>& destinations) {
+  vesk::variant::Variant config;
+  config["type"] = type;
+  for (size_t i = 0; i < destinations.size(); i++) config["destinations"][(uint32_t)i] = destinations[i];
+  config["parameters"].IsArray(false);
+  return config;
+}
+
 class UdpPeer {
  public:
   UdpPeer() {
     fd_ = socket(AF_INET, SOCK_DGRAM, 0);
     int size = 8 * 1024 * 1024;
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    struct sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     bind(fd_, (struct sockaddr*)&address, sizeof(address));
     socklen_t length = sizeof(address);
     getsockname(fd_, (struct sockaddr*)&address, &length);
     port_ = ntohs(address.sin_port);
   }
   ~UdpPeer() { close(fd_); }
-
   std::string Uri() const { return "udp://127.0.0.1:" + std::to_string(port_); }
   uint16_t port() const { return port_; }
 
-  // Waits (up to 5 s) until at least expected datagrams arrived, then takes
-  // whatever else is queued.
+  // Waits (up to 5 s) for expected datagrams, plus whatever else is queued.
   std::vector<std::vector<uint8_t>> Receive(size_t expected) {
     std::vector<std::vector<uint8_t>> datagrams;
     std::vector<uint8_t> buffer(70000);
@@ -257,7 +242,6 @@ class UdpPeer {
   uint16_t port_;
 };
 
-// The fields of one vesk packet.
 struct vesk_packet_t {
   uint16_t channel, flags, sequence;
   uint64_t pts;
@@ -266,20 +250,16 @@ struct vesk_packet_t {
   uint32_t chunkLength;
 };
 
-inline uint32_t Be32(const uint8_t* p) {
-  return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
-}
+inline uint32_t Be32(const uint8_t* p) { uint32_t v; memcpy(&v, p, 4); return ntohl(v); }
 
-// Parses the packet at p: its padded size, 0 when more bytes are needed, -1
-// when the channel header's check byte or the chunk length is wrong.
+// The packet's padded size; 0: more bytes needed; -1: bad check byte or chunk length.
 inline long ParseVeskPacket(const uint8_t* p, size_t available, vesk_packet_t& packet) {
   packet = vesk_packet_t();
   if (available < 8) return 0;
   if (p[0] != 0xA0 || (p[0] ^ p[1] ^ p[2]) != p[3]) return -1;
+  uint16_t f = packet.flags = (uint16_t)((p[4] << 8) | p[5]);
   packet.channel = (uint16_t)((p[1] << 8) | p[2]);
-  packet.flags = (uint16_t)((p[4] << 8) | p[5]);
   packet.sequence = (uint16_t)((p[6] << 8) | p[7]);
-  uint16_t f = packet.flags;
   size_t at = 8 + ((f & 0xFF) == 1 ? 4 : 0);  // explicit timescale
   size_t need = at + ((f & 0x0800) ? ((f & 0x0400) ? 8 : 4) : 0) + ((f & 0x0200) ? 4 : 0) +
                 (((f & 0x8000) && !(f & 0x4000)) ? 4 : 0) + 4;
@@ -300,5 +280,4 @@ inline long ParseVeskPacket(const uint8_t* p, size_t available, vesk_packet_t& p
   return end > available ? 0 : (long)end;
 }
 
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

@@ -21,8 +21,7 @@
 
 extern char** environ;
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 
 inline uint64_t MsSince(std::chrono::steady_clock::time_point start) {
   return (uint64_t)std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -168,5 +167,4 @@ class ChildProcess {
   int exit_ = -1;
 };
 
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

@@ -7,8 +7,7 @@
 #include "stream_test_util.h"
 #include "vesk/encoder.h"
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 namespace {
 
 using vesk::encoder::Encoder;
@@ -27,9 +26,7 @@ TEST(Allocations, NoneWhileFeedingAfterTheFirstKeyFrame) {
   vesk::encoder::StreamInfo info = MakeStreamInfo(true, true);
   std::vector<std::unique_ptr<OutStream>> streams;
   for (const char* type : {"flv", "extendedFlv", "vesk", "passThrough"}) {
-    Variant config;
-    config["type"] = type;
-    config["destinations"][0u] = peer.Uri();
+    Variant config = StreamConfig(type, {peer.Uri()});
     config["parameters"]["enableTimestampsOverlapAvoidance"] = true;
     streams.emplace_back(new OutStream(&encoder, 0));
     ResetMallocCount();
@@ -64,5 +61,4 @@ TEST(Allocations, NoneWhileFeedingAfterTheFirstKeyFrame) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

@@ -1,5 +1,4 @@
-// Golden byte vectors of the FLV and vesk layouts, received by a real UDP
-// socket (one datagram per message), and the pass-through container.
+// Golden FLV and vesk layouts, one UDP datagram per message; the pass-through container.
 #include <gtest/gtest.h>
 
 #include "basecontainer.h"
@@ -9,8 +8,7 @@
 #include "stream_test_util.h"
 #include "vesk/encoder.h"
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 namespace {
 
 using vesk::encoder::Encoder;
@@ -38,9 +36,7 @@ struct UdpStream {
   UdpStream(const std::string& type, const Variant& parameters, bool hasVideo = true,
             bool hasAudio = true)
       : stream(&encoder, 0) {
-    Variant config;
-    config["type"] = type;
-    config["destinations"][0u] = peer.Uri();
+    Variant config = StreamConfig(type, {peer.Uri()});
     config["parameters"] = parameters;
     StreamInfo info = MakeStreamInfo(hasVideo, hasAudio);
     configured = stream.Configure(config, info);
@@ -58,21 +54,23 @@ Variant NoParameters() {
 }
 
 // A key picture: SPS of 10 bytes, PPS of 4 bytes, then a slice.
-Bytes KeyPicture(Bytes& sps, Bytes& pps, Bytes& slice) {
-  sps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5, 0x84};
-  pps = {0x68, 0xCE, 0x3C, 0x80};
-  slice = {0x65, 0x88, 0x84, 0x00, 0x33, 0xFF};
-  return Concat({{0, 0, 0, 1}, sps, {0, 0, 0, 1}, pps, {0, 0, 0, 1}, slice});
-}
+const Bytes kSps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5, 0x84};
+const Bytes kPps = {0x68, 0xCE, 0x3C, 0x80}, kSlice = {0x65, 0x88, 0x84, 0x00, 0x33, 0xFF};
 
 void MapKeyPicture(video_frame_t& frame) {
+  const uint32_t map[9] = {0, 14, 14, 8, 0, 0, 0, 0, 22};  // SPS, PPS, SEI, AUD, slice
   frame.isKeyFrame = 1;
   frame.codecInfo = frame.nalMap;
-  frame.nalMap[0] = 0;   // SPS
-  frame.nalMap[1] = 14;
-  frame.nalMap[2] = 14;  // PPS
-  frame.nalMap[3] = 8;
-  frame.nalMap[8] = 22;  // slice
+  memcpy(frame.nalMap, map, sizeof(map));
+}
+
+// The key picture placed at `at`, with its map and a pts.
+void PlaceKeyPicture(TestRing& ring, uint32_t at, int64_t pts, video_frame_t& frame) {
+  ring.PlaceBytes(Concat({{0, 0, 0, 1}, kSps, {0, 0, 0, 1}, kPps, {0, 0, 0, 1}, kSlice}), at, frame);
+  MapKeyPicture(frame);
+  frame.pts = timestamp_t(pts, 90000);
+  frame.ptsDtsDelta = timestamp_t(0, 90000);
+  frame.duration = 3600;
 }
 
 TEST(FlvGolden, SequenceHeaderClockSyncAndVideoTag) {
@@ -80,16 +78,9 @@ TEST(FlvGolden, SequenceHeaderClockSyncAndVideoTag) {
     SCOPED_TRACE(extended ? "extended" : "plain");
     UdpStream s(extended ? "extendedFlv" : "flv", NoParameters());
     ASSERT_TRUE(s.configured);
-    Bytes sps, pps, slice;
-    Bytes picture = KeyPicture(sps, pps, slice);
     TestRing ring(1000);
     video_frame_t frame;
-    // The picture wraps around the ring's end in the middle of the slice.
-    ring.PlaceBytes(picture, 1000 - 30, frame);
-    MapKeyPicture(frame);
-    frame.pts = timestamp_t(900000, 90000);  // 10 s
-    frame.ptsDtsDelta = timestamp_t(0, 90000);
-    frame.duration = 3600;
+    PlaceKeyPicture(ring, 1000 - 30, 900000, frame);  // 10 s; wraps inside the slice
     uint64_t before = nowWallMs();
     ASSERT_TRUE(s.stream.FeedVideoFrame(&frame));
     uint64_t after = nowWallMs();
@@ -100,10 +91,8 @@ TEST(FlvGolden, SequenceHeaderClockSyncAndVideoTag) {
     Bytes ext = extended ? Bytes{0x00, 0x01, 0x5F, 0x90, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x0D, 0xBB, 0xA0}
                          : Bytes{};
 
-    const Bytes& metadata = messages[0];
-    EXPECT_EQ(Slice(metadata, 0, 13),
-              (Bytes{'F', 'L', 'V', 1, (uint8_t)(extended ? 0x07 : 0x05), 0, 0, 0, 9, 0, 0, 0, 0}));
-    EXPECT_EQ(metadata[13], 18);
+    EXPECT_EQ(Slice(messages[0], 0, 14),
+              (Bytes{'F', 'L', 'V', 1, (uint8_t)(extended ? 0x07 : 0x05), 0, 0, 0, 9, 0, 0, 0, 0, 18}));
 
     // onClockSync: stream clock 0.0 ms, clock base 10000.0, the wall clock in between.
     const Bytes& clock = messages[1];
@@ -122,19 +111,18 @@ TEST(FlvGolden, SequenceHeaderClockSyncAndVideoTag) {
     Bytes header = Concat({{9, 0, 0, 30, 0, 0, 0, 0, 0, 0, 0},  // tag, data size 30
                            {0x17, 0, 0, 0, 0},                 // key frame, sequence header
                            {1, 0x42, 0xC0, 0x1E, 0xFF, 0xE1, 0, 10},
-                           sps,
+                           kSps,
                            {1, 0, 4},
-                           pps,
+                           kPps,
                            {0, 0, 0, 41},  // previous tag size
                            ext});
-    EXPECT_EQ(messages[2].size(), extended ? 61u : 45u);
-    EXPECT_EQ(messages[2], header);
+    EXPECT_EQ(messages[2], header);  // 45 bytes, 61 extended
 
-    uint32_t n = (uint32_t)slice.size() - 1 + 1;  // the slice without its start code
+    uint32_t n = (uint32_t)kSlice.size();  // the slice without its start code
     Bytes tag = Concat({{9, 0, 0, (uint8_t)(n + 9), 0, 0, 0, 0, 0, 0, 0},
                         {0x17, 1, 0, 0, 0},  // key frame, NAL unit, composition time 0
                         {0, 0, 0, (uint8_t)n},
-                        slice,
+                        kSlice,
                         {0, 0, 0, (uint8_t)(n + 20)},
                         ext});
     EXPECT_EQ(messages[3], tag);
@@ -165,8 +153,7 @@ TEST(FlvGolden, AudioTagsTimestampOrderAndLateTransport) {
   EXPECT_TRUE(log.Has("No audio codec bytes available"));
   EXPECT_EQ(s.peer.Receive(0).size(), 0u);
 
-  // An access unit of exactly 7 bytes: its ADTS header only (AAC LC, 44.1
-  // kHz sampling index 4, 2 channels).
+  // A 7-byte access unit: its ADTS header only (AAC LC, 44.1 kHz, 2 channels).
   Bytes adts = {0xFF, 0xF1, 0x50, 0x80, 0x00, 0xFF, 0xFC};
   audio_frame_t frame = MakeAudioFrame(adts, 0, 1000);
   ASSERT_TRUE(s.stream.FeedAudioFrame(&frame));
@@ -206,20 +193,13 @@ TEST(FlvGolden, OverlapAvoidance) {
   UdpStream s("extendedFlv", parameters);
   ASSERT_TRUE(s.configured);
   vesk::test::LogCapture log;
-  Bytes sps, pps, slice;
-  Bytes picture = KeyPicture(sps, pps, slice);
   TestRing ring(4096);
   video_frame_t frame;
-  ring.PlaceBytes(picture, 0, frame);
-  MapKeyPicture(frame);
-  frame.pts = timestamp_t(90000, 90000);
-  frame.ptsDtsDelta = timestamp_t(0, 90000);
-  frame.duration = 3600;
+  PlaceKeyPicture(ring, 0, 90000, frame);
   ASSERT_TRUE(s.stream.FeedVideoFrame(&frame));
   EXPECT_EQ(s.peer.Receive(4).size(), 4u);
 
-  // A non-key picture 1000 ticks early is dropped.
-  frame.isKeyFrame = 0;
+  frame.isKeyFrame = 0;  // 1000 ticks early, not key: dropped
   frame.codecInfo = frame.auxInfo;
   frame.auxInfo[8] = 22;
   frame.pts = timestamp_t(90000 + 2600, 90000);
@@ -227,8 +207,7 @@ TEST(FlvGolden, OverlapAvoidance) {
   EXPECT_TRUE(log.Has("Video overlap avoided: -1000; KF: 0"));
   EXPECT_EQ(s.peer.Receive(0).size(), 0u);
 
-  // A key picture 3000 ticks early is sent at the corrected time.
-  MapKeyPicture(frame);
+  MapKeyPicture(frame);  // 3000 ticks early, key: sent at the corrected time
   frame.pts = timestamp_t(90000 + 600, 90000);
   ASSERT_TRUE(s.stream.FeedVideoFrame(&frame));
   EXPECT_TRUE(log.Has("Video overlap happened on KF: -3000; Correct it to be 93600"));
@@ -256,11 +235,10 @@ TEST(FlvGolden, OverlapAvoidance) {
 }
 
 TEST(VeskGolden, ChannelHeadersChunksAndTimescales) {
-  uint8_t header[4];
+  uint8_t header[8];
   ContainerVesk::PutChannelHeader(header, 1000);
-  EXPECT_EQ(Bytes(header, header + 4), (Bytes{0xA0, 0x03, 0xE8, 0x4B}));
-  ContainerVesk::PutChannelHeader(header, 1001);
-  EXPECT_EQ(Bytes(header, header + 4), (Bytes{0xA0, 0x03, 0xE9, 0x4A}));
+  ContainerVesk::PutChannelHeader(header + 4, 1001);
+  EXPECT_EQ(Bytes(header, header + 8), (Bytes{0xA0, 0x03, 0xE8, 0x4B, 0xA0, 0x03, 0xE9, 0x4A}));
 
   vesk::test::LogCapture log;
   UdpStream s("vesk", NoParameters());
@@ -303,11 +281,10 @@ TEST(VeskGolden, ChannelHeadersChunksAndTimescales) {
   ASSERT_TRUE(s.stream.FeedVideoFrame(&frame));
   packets = s.peer.Receive(1);
   ASSERT_EQ(packets.size(), 1u);
-  EXPECT_EQ(Slice(packets[0], 0, 24), (Bytes{0xA0, 0x03, 0xE9, 0x4A, 0xCE, 0x0C, 0x00, 0x03,
-                                            0, 0, 0, 1, 0, 0, 0, 0,     // 8-byte pts
-                                            0xFF, 0xFF, 0xF1, 0xF0,     // composition -3600
-                                            0, 0, 0x05, 0x78}));
-  EXPECT_EQ(packets[0].size(), 24u + 1400u);
+  EXPECT_EQ(packets[0], Concat({{0xA0, 0x03, 0xE9, 0x4A, 0xCE, 0x0C, 0x00, 0x03,
+                                 0, 0, 0, 1, 0, 0, 0, 0,     // 8-byte pts
+                                 0xFF, 0xFF, 0xF1, 0xF0,     // composition -3600
+                                 0, 0, 0x05, 0x78}, picture}));
 
   // Audio at 44100 Hz: code 10; at 96000 Hz: code 1 and the timescale in
   // little-endian order. The whole frame, ADTS header included, is carried.
@@ -336,7 +313,7 @@ TEST(VeskGolden, ChannelHeadersChunksAndTimescales) {
   ASSERT_TRUE(s.stream.FeedAudioFrame(&audio));
   packets = s.peer.Receive(1);
   ASSERT_EQ(packets.size(), 1u);
-  EXPECT_EQ(packets[0].size(), 8u + 4 + 4 + 4 + 9 + 3);  // still the microphone payload
+  EXPECT_EQ(Slice(packets[0], 20, 9), aac);  // still the microphone payload
 }
 
 Bytes Milestone(uint32_t packets) {
@@ -359,9 +336,7 @@ TEST(VeskGolden, MilestonesByPacketsAndBytes) {
       auto packets = s.peer.Receive(i == count ? 2 : 1);
       ASSERT_EQ(packets.size(), i == count ? 2u : 1u) << i;
       ASSERT_EQ(packets[0].size(), payload + 16);
-      if (i == count) {
-        EXPECT_EQ(packets[1], Milestone(count));
-      }
+      if (i == count) { EXPECT_EQ(packets[1], Milestone(count)); }
     }
   }
 }
@@ -387,10 +362,7 @@ TEST(VeskGolden, ChannelIdRules) {
     bool refused = log.Has(
         "Audio/video IDs are incorrect. Valid values are between 0 and 65535 and they must not be "
         "the same");
-    EXPECT_EQ(refused, !c.valid) << parameters.ToString();
-    if (!c.valid) {
-      EXPECT_TRUE(log.Has("Unable to initialize container"));
-    }
+    EXPECT_EQ(refused && log.Has("Unable to initialize container"), !c.valid) << parameters.ToString();
     delete container;
   }
 }
@@ -400,8 +372,7 @@ TEST(PassThrough, SendsRawBytesWithTheRingRule) {
   parameters["withTalkback"] = true;
   UdpStream s("passThrough", parameters);
   ASSERT_TRUE(s.configured);
-  Bytes bytes(25);
-  for (size_t i = 0; i < bytes.size(); i++) bytes[i] = (uint8_t)(0x30 + i);
+  Bytes bytes = Text("0123456789:;<=>?@ABCDEFGH");
   TestRing ring(100);
   video_frame_t frame;
   ring.PlaceBytes(bytes, 90, frame);  // 10 bytes, then 15 from the ring's start
@@ -412,22 +383,16 @@ TEST(PassThrough, SendsRawBytesWithTheRingRule) {
   frame.offset += 100;  // beyond the end: starts at ringBase + 10
   frame.isContiguous = 0;
   ASSERT_TRUE(s.stream.FeedVideoFrame(&frame));
-  auto messages = s.peer.Receive(3);
-  ASSERT_EQ(messages.size(), 3u);
-  for (auto& message : messages) EXPECT_EQ(message, bytes);
+  EXPECT_EQ(s.peer.Receive(3), std::vector<Bytes>(3, bytes));
 
   // Talkback: the mixed payload when there is one, else the microphone.
-  Bytes mic = {1, 2, 3};
-  Bytes mixed = {4, 5};
+  Bytes mic = {1, 2, 3}, mixed = {4, 5};
   audio_frame_t audio = MakeAudioFrame(mic, 0, 16000);
   ASSERT_TRUE(s.stream.FeedAudioFrame(&audio));
   audio.altPayload = mixed.data();
   audio.altPayloadLength = 2;
   ASSERT_TRUE(s.stream.FeedAudioFrame(&audio));
-  messages = s.peer.Receive(2);
-  ASSERT_EQ(messages.size(), 2u);
-  EXPECT_EQ(messages[0], mic);
-  EXPECT_EQ(messages[1], mixed);
+  EXPECT_EQ(s.peer.Receive(2), (std::vector<Bytes>{mic, mixed}));
 }
 
 TEST(ContainerFactory, KeywordsAndTrackFlags) {
@@ -440,10 +405,8 @@ TEST(ContainerFactory, KeywordsAndTrackFlags) {
   EXPECT_TRUE(log.Lines().empty());
 
   for (const char* keyword : {"mjpg", "passThrough"}) {
-    BaseContainer* container = BaseContainer::GetInstance(nullptr, keyword, info, parameters);
-    ASSERT_NE(container, nullptr);
-    EXPECT_EQ(container->GetType(), vesk::encoder::CONTAINER_PASSTHROUGH);
-    delete container;
+    std::unique_ptr<BaseContainer> container(BaseContainer::GetInstance(nullptr, keyword, info, parameters));
+    EXPECT_TRUE(container && container->GetType() == vesk::encoder::CONTAINER_PASSTHROUGH) << keyword;
   }
 
   log.Clear();
@@ -452,11 +415,10 @@ TEST(ContainerFactory, KeywordsAndTrackFlags) {
   EXPECT_EQ(BaseContainer::GetInstance(nullptr, "flv", info, parameters), nullptr);
   auto lines = log.Lines();
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].message, "Suppressing both audio and video tracks is not allowed");
-  EXPECT_EQ(lines[0].function, "Initialize");
-  EXPECT_EQ(lines[1].message, "Unable to initialize container");
-  EXPECT_EQ(lines[1].function, "GetInstance");
-  EXPECT_EQ(lines[1].sourceFile, "basecontainer.cpp");
+  EXPECT_EQ(lines[0].function + ": " + lines[0].message,
+            "Initialize: Suppressing both audio and video tracks is not allowed");
+  EXPECT_EQ(lines[1].sourceFile + " " + lines[1].function + ": " + lines[1].message,
+            "basecontainer.cpp GetInstance: Unable to initialize container");
 
   // Only video suppressed: pictures send nothing, audio is sent.
   parameters["suppressAudio"] = "yes";  // not a boolean: false
@@ -469,11 +431,8 @@ TEST(ContainerFactory, KeywordsAndTrackFlags) {
   EXPECT_TRUE(s.stream.FeedVideoFrame(&frame));
   audio_frame_t audio = MakeAudioFrame(bytes, 0, 16000);
   EXPECT_TRUE(s.stream.FeedAudioFrame(&audio));
-  auto messages = s.peer.Receive(1);
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0], bytes);
+  EXPECT_EQ(s.peer.Receive(1), std::vector<Bytes>{bytes});
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

@@ -1,19 +1,10 @@
-// A stream pushed over TCP to real servers on loopback: ffmpeg listening for
-// FLV (started before and after the stream), openssl s_server with TLS 1.2,
-// and a TLS 1.3-only s_server that the client must refuse.
+// A stream pushed over TCP to ffmpeg and openssl s_server on loopback.
 #include <gtest/gtest.h>
 
 #include "tcp_test_util.h"
-#include "vesk/encoder.h"
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 namespace {
-
-using vesk::encoder::Encoder;
-using vesk::encoder::StreamInfo;
-using vesk::encoder::internal::OutStream;
-using vesk::encoder::internal::TransportTCP;
 
 // Frames counted by ffprobe for a codec (its "codec,...,frames" line); -1 when absent.
 int FramesOf(const std::string& probe, const std::string& codec) {
@@ -22,26 +13,6 @@ int FramesOf(const std::string& probe, const std::string& codec) {
   size_t end = probe.find('\n', line);
   return atoi(probe.c_str() + probe.rfind(',', end) + 1);
 }
-
-std::string ReadText(const std::string& path) {
-  std::vector<uint8_t> bytes = ReadWholeFile(path);
-  return std::string(bytes.begin(), bytes.end());
-}
-
-// A stream of real media to one TCP destination.
-struct TcpStream {
-  explicit TcpStream(const std::string& uri) : stream(&encoder, 0), pump(stream) {
-    StreamInfo info = MakeStreamInfo(true, true);
-    if (stream.Configure(FlvConfig({uri}), info) && stream.GetTransports().size() == 1) {
-      transport = dynamic_cast<TransportTCP*>(stream.GetTransports()[0]);
-    }
-  }
-  bool ok() const { return transport != nullptr && pump.Ready(); }
-  Encoder encoder;
-  OutStream stream;
-  MediaPump pump;
-  TransportTCP* transport = nullptr;
-};
 
 TEST(TcpRealPeers, FfmpegReceivesThePlainFlvPushStartedBeforeOrAfterIt) {
   for (bool lateServer : {false, true}) {
@@ -55,7 +26,7 @@ TEST(TcpRealPeers, FfmpegReceivesThePlainFlvPushStartedBeforeOrAfterIt) {
                           std::to_string(port) + " -c copy '" + received + "'";
     std::unique_ptr<ChildProcess> ffmpeg;
     if (!lateServer) ffmpeg.reset(new ChildProcess(command, dir.File("out"), dir.File("err")));
-    TcpStream s(uri);
+    TcpStream s({uri});
     ASSERT_TRUE(s.ok());
     if (lateServer) {
       // The stream runs for a while with nobody listening; nothing is kept.
@@ -71,12 +42,11 @@ TEST(TcpRealPeers, FfmpegReceivesThePlainFlvPushStartedBeforeOrAfterIt) {
     s.pump.Run(240);  // about 6 s of media
     ASSERT_TRUE(PumpUntilFlushed(s.stream, s.transport, 10000));
     s.stream.Close();
-    ASSERT_EQ(0, ffmpeg->WaitExit(15000)) << ReadText(dir.File("err"));
+    ASSERT_EQ(0, ffmpeg->WaitExit(15000)) << ReadFile(dir.File("err"));
 
-    // ffmpeg, told to read FLV, took the stream without a warning (one that
-    // does not begin with the file header makes it complain). A late peer
-    // holds at most the pictures sent since it joined.
-    EXPECT_EQ("", ReadText(dir.File("err")));
+    // No ffmpeg warning: the stream began with the FLV header. A late peer
+    // holds at most the frames sent since it joined.
+    EXPECT_EQ("", ReadFile(dir.File("err")));
     EXPECT_EQ("", DecodeErrors(received));
     std::string probe = ProbeStreams(received);
     int video = FramesOf(probe, "h264"), audio = FramesOf(probe, "aac");
@@ -100,12 +70,11 @@ TEST(TcpRealPeers, OpenSslServerReceivesTheEncryptedStream) {
   std::string received = dir.File("received.bin");
   ChildProcess server(SslServerCommand("-tls1_2 -naccept 1", port), received, dir.File("err"));
   std::string uri = "tcp://127.0.0.1:" + std::to_string(port) + "?encrypted=1&retryInterval=1";
-  TcpStream s(uri);
+  TcpStream s({uri});
   ASSERT_TRUE(s.ok());
   ASSERT_TRUE(ServiceUntilConnected(s.stream, log, uri, 15000));
   s.pump.Run(240);
   ASSERT_TRUE(PumpUntilFlushed(s.stream, s.transport, 10000));
-  // The server prints what it decrypts; wait until all of it is out.
   uint64_t sent = s.transport->GetFlushedBytes();
   WaitUntil([&] { return ReadWholeFile(received).size() >= sent; }, 10000, 20);
   s.stream.Close();
@@ -127,20 +96,17 @@ TEST(TcpRealPeers, Tls13OnlyServerFailsTheHandshakeAndTheClientReconnects) {
   LogCapture log;
   uint16_t port = FreePort();
   ChildProcess server(SslServerCommand("-tls1_3", port), dir.File("out"), dir.File("err"));
-  WaitUntil(  // until the server listens
-      [&] {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = Loopback(port);
-        bool ok = connect(fd, (sockaddr*)&address, sizeof(address)) == 0;
-        close(fd);
-        return ok;
-      },
-      10000, 50);
+  WaitUntil([&] {  // until the server listens
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = Loopback(port);
+    bool ok = connect(fd, (sockaddr*)&address, sizeof(address)) == 0;
+    return close(fd), ok;
+  }, 10000, 50);
 
   // A refused handshake counts as a failed attempt: the next one waits the
   // retry interval instead of redialling in a tight loop.
   std::string uri = "tcp://127.0.0.1:" + std::to_string(port) + "?encrypted&retryInterval=1";
-  TcpStream s(uri);
+  TcpStream s({uri});
   ASSERT_TRUE(s.ok());
   const std::string failure =
       " - SSL handshake failed due to SSL_connect failure. sslConnectResult: -1; sslError: 1";
@@ -164,5 +130,4 @@ TEST(TcpRealPeers, Tls13OnlyServerFailsTheHandshakeAndTheClientReconnects) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

@@ -1,6 +1,4 @@
-// Helpers of the TCP transport tests: a test certificate, and a media pump
-// that feeds real H.264 and AAC into an output stream the way the encoder's
-// pump does.
+// Helpers of the TCP transport tests: a test certificate and a media pump.
 #pragma once
 
 #include <functional>
@@ -10,26 +8,20 @@
 #include "stream_test_util.h"
 #include "tcp_peer_util.h"
 #include "transporttcp.h"
+#include "vesk/encoder.h"
 
-namespace vesk {
-namespace test {
+namespace vesk::test {
 
 // A self-signed certificate (cert.pem, key.pem) made once per program.
 struct test_cert_t {
   TempDir dir;
   std::string cert = dir.File("cert.pem"), key = dir.File("key.pem");
-  bool ok = false;
+  int status = -1;
+  bool ok = (RunCommand("openssl req -x509 -newkey rsa:2048 -nodes -keyout '" + key + "' -out '" +
+                        cert + "' -days 2 -subj /CN=localhost 2>&1", &status), status == 0);
 };
 inline const test_cert_t& TestCert() {
-  static test_cert_t* made = nullptr;
-  if (made == nullptr) {
-    made = new test_cert_t();
-    int status = -1;
-    RunCommand("openssl req -x509 -newkey rsa:2048 -nodes -keyout '" + made->key + "' -out '" +
-                   made->cert + "' -days 2 -subj /CN=localhost 2>&1",
-               &status);
-    made->ok = status == 0;
-  }
+  static test_cert_t* made = new test_cert_t();
   return *made;
 }
 
@@ -46,13 +38,8 @@ struct test_media_t {
   std::vector<std::vector<uint8_t>> aac;
 };
 inline test_media_t& SharedMedia() {
-  static test_media_t* media = nullptr;
-  if (media == nullptr) {
-    media = new test_media_t();
-    TempDir dir;
-    media->pictures = MakeH264(dir, 320, 240, 50, 25);
-    media->aac = MakeAac(dir, 16000, 2.0);
-  }
+  static TempDir dir;
+  static test_media_t* media = new test_media_t{MakeH264(dir, 320, 240, 50, 25), MakeAac(dir, 16000, 2.0)};
   return *media;
 }
 
@@ -67,25 +54,19 @@ class MediaPump {
   // The frame of the track whose next frame is earlier; the stream's result.
   bool Step() {
     if (audio_ * 64 < video_ * 40) {
-      audio_frame_t frame =
-          MakeAudioFrame(media_.aac[audio_ % media_.aac.size()], (int64_t)audio_ * 1024, 16000);
-      audio_++;
-      return stream_.FeedAudioFrame(&frame);
+      audio_frame_t frame = MakeAudioFrame(media_.aac[audio_ % media_.aac.size()], audio_ * 1024LL, 16000);
+      return audio_++, stream_.FeedAudioFrame(&frame);
     }
     video_frame_t frame;
-    ring_.Place(media_.pictures[video_ % media_.pictures.size()], (int64_t)video_ * 3600, frame);
-    video_++;
-    return stream_.FeedVideoFrame(&frame);
+    ring_.Place(media_.pictures[video_ % media_.pictures.size()], video_ * 3600LL, frame);
+    return video_++, stream_.FeedVideoFrame(&frame);
   }
 
-  // Steps every stepMs until done() holds or timeoutMs passed.
   bool RunUntil(const std::function<bool()>& done, int timeoutMs, int stepMs = 5) {
     return WaitUntil([&] { return done() || (Step(), false); }, timeoutMs, stepMs);
   }
   void Run(int frames) {
-    for (int i = 0; i < frames; i++, std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
-      Step();
-    }
+    for (int i = 0; i < frames; i++, std::this_thread::sleep_for(std::chrono::milliseconds(2))) Step();
   }
 
   uint32_t videoFrames() const { return video_; }
@@ -98,14 +79,23 @@ class MediaPump {
   uint32_t video_ = 0, audio_ = 0;
 };
 
-inline vesk::variant::Variant FlvConfig(const std::vector<std::string>& destinations) {
-  vesk::variant::Variant config;
-  config["type"] = "flv";
-  for (size_t i = 0; i < destinations.size(); i++) {
-    config["destinations"][(uint32_t)i] = destinations[i];
+// A stream of real media to TCP destinations; info may add a channel id.
+struct TcpStream {
+  explicit TcpStream(const std::vector<std::string>& uris, const char* type = "flv",
+                     uint32_t channelId = 0)
+      : stream(&encoder, 0), pump(stream) {
+    vesk::encoder::StreamInfo info = MakeStreamInfo(true, true);
+    if (channelId != 0) info["channelId"] = channelId;
+    if (stream.Configure(StreamConfig(type, uris), info) && !stream.GetTransports().empty()) {
+      transport = dynamic_cast<vesk::encoder::internal::TransportTCP*>(stream.GetTransports()[0]);
+    }
   }
-  return config;
-}
+  bool ok() const { return transport != nullptr && pump.Ready(); }
+  vesk::encoder::Encoder encoder;
+  vesk::encoder::internal::OutStream stream;
+  MediaPump pump;
+  vesk::encoder::internal::TransportTCP* transport = nullptr;
+};
 
 // Services the stream without frames until its transport is connected.
 inline bool ServiceUntilConnected(vesk::encoder::internal::OutStream& stream, LogCapture& log,
@@ -125,5 +115,4 @@ inline bool PumpUntilFlushed(vesk::encoder::internal::OutStream& stream,
       timeoutMs);
 }
 
-}  // namespace test
-}  // namespace vesk
+}  // namespace vesk::test

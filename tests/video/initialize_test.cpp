@@ -1,6 +1,5 @@
-// Initialize in its fourteen steps on the virtual camera: microcode, states
-// and their events, chip, sensor modes, VIN, budget, resources, source
-// buffers, encodings, and every driver failure with its exact line.
+// Initialize in its fourteen steps on the virtual camera, and every driver
+// failure with its exact line.
 #include <errno.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -21,11 +20,16 @@ const stream_spec_t kVideo2 = {"video2", 320, 180, 15, 1, 200000};
 const stream_spec_t kVideo3 = {"video3", 320, 176, 10, 2, 100000};
 const stream_spec_t kMjpg = {"mjpg", 320, 180, 5, 3, 80};
 
+iav_system_resource_t Resource() {
+  iav_system_resource_t resource;
+  vcam_get_system_resource(&resource);
+  return resource;
+}
+
 TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
   AddStream(kVideo1);
   TrackEncoderVideoS2L& track = MakeTrack();
   ASSERT_TRUE(track.Initialize());
-  EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle"}));
   EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_PREVIEW);
   EXPECT_EQ(track.GetUcodeFd(), -1);  // microcode already resident: closed again
   for (const char* line : {"Microcode version 2.7 - 14/3/2016", "S2L_66 chip detected capable of 633420Mbps",
@@ -34,43 +38,31 @@ TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
                            "Encoding 640x360@30 requires 27600Mbps out of 633420Mbps",
                            "Setup is using 27600Mbps out of 633420Mbps (%4.36)"})
     EXPECT_TRUE(log_.Has(line)) << line;
-  EXPECT_EQ(Status().vinMode, 1u);  // 1080p at 60 is the best mode, run at 30
-  EXPECT_EQ(Status().vinFramePeriod, 17066667u);
-
+  // 1080p at 60 is the best mode, run at 30.
+  EXPECT_EQ(std::make_tuple(Status().vinMode, Status().vinFramePeriod), std::make_tuple(1u, 17066667u));
   Variant& v1 = Stream("video1");
-  EXPECT_EQ((std::string)v1["name"], "video1");
-  EXPECT_EQ((unsigned)v1["streamOrdinal"], 0u);
-  EXPECT_EQ((int)v1["streamId"], 0);
   EXPECT_EQ((unsigned)v1["maxFps"], 30u);
   Variant& rates = v1["validFpsValues"];
   ASSERT_EQ(rates.MapSize(), 17u);  // the divisors of 90000 up to 30
-  EXPECT_EQ((unsigned)rates[6], 8u);
-  EXPECT_EQ((unsigned)rates[16], 30u);
+  EXPECT_EQ(std::make_tuple((unsigned)rates[6], (unsigned)rates[16]), std::make_tuple(8u, 30u));
   EXPECT_FALSE(Stream("video2").HasKey("streamOrdinal"));
 
   vcam_stream_status_t s = StreamStatus(0);
-  EXPECT_EQ(std::make_tuple(s.type, s.width, s.height, s.M, s.N, s.fpsNumerator, s.fpsDenominator, s.idrInterval),
-            std::make_tuple((uint32_t)IAV_STREAM_TYPE_H264, 640u, 360u, 1u, 10u, 30u, 30u, 30u));
-  EXPECT_EQ(s.rcMode, IAV_BRC_MODE_VBR);
-  EXPECT_EQ(s.targetBitrate, 400000u);
+  EXPECT_EQ(std::make_tuple(s.type, s.width, s.height, s.M, s.N, s.fpsNumerator, s.fpsDenominator, s.idrInterval,
+                            s.rcMode, s.targetBitrate),
+            std::make_tuple((uint32_t)IAV_STREAM_TYPE_H264, 640u, 360u, 1u, 10u, 30u, 30u, 30u,
+                            (uint32_t)IAV_BRC_MODE_VBR, 400000u));
   EXPECT_GE(s.forcedIdrs, 1u);
-
-  iav_system_resource_t resource;
-  vcam_get_system_resource(&resource);
-  EXPECT_EQ(resource.systemId, 0x1234u);
-  EXPECT_EQ(resource.options & IAV_SYSRES_OPT_ME0_SCALE_MASK, 2u);
-  EXPECT_EQ(resource.stream[0].maxWidth, 640u);
-  EXPECT_EQ(resource.stream[0].maxM, 3u);
+  iav_system_resource_t r = Resource();
+  EXPECT_EQ(std::make_tuple(r.systemId, r.options & IAV_SYSRES_OPT_ME0_SCALE_MASK, r.stream[0].maxWidth, r.stream[0].maxM),
+            std::make_tuple(0x1234u, 2u, 640u, 3u));
   iav_srcbuf_setup_t buffers;
   vcam_get_source_buffers(&buffers);
-  EXPECT_EQ(buffers.size[0].width, 640u);
-  EXPECT_EQ(buffers.type[1], IAV_SRCBUF_TYPE_OFF);
+  EXPECT_EQ(std::make_tuple(buffers.size[0].width, buffers.type[1]), std::make_tuple(640u, (uint32_t)IAV_SRCBUF_TYPE_OFF));
 
   ASSERT_TRUE(track.StartEncoding());
-  EXPECT_EQ(Status().lastStartArgument, 0x00010001u);
   EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_ENCODE);
   ASSERT_TRUE(track.StopEncoding());
-  EXPECT_EQ(Status().lastStopArgument, 0x00010001u);
   EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle", "EventIavStateEnterEncode",
                                                "EventIavStateExitEncode"}));
   // A second Initialize starts from scratch on the same track.
@@ -86,7 +78,8 @@ TEST_F(VideoTrackTest, StreamsAreNumberedDenselyInTheStartMask) {
   };
   const stream_spec_t mjpg1 = {"mjpg1", 640, 360, 10, 0, 50};
   const stream_spec_t mjpg2 = {"mjpg2", 640, 360, 2, 0, 30};
-  const ordinal_case_t cases[] = {{{kVideo2, kVideo3, kMjpg}, 0x00070007u, {0, 1, 2}},
+  const ordinal_case_t cases[] = {{{kVideo1}, 0x00010001u, {0}},
+                                  {{kVideo2, kVideo3, kMjpg}, 0x00070007u, {0, 1, 2}},
                                   {{kVideo3}, 0x00010001u, {0}},
                                   {{kVideo1, kMjpg, mjpg1, mjpg2}, 0x00070007u, {0, -1, 1, 2}}};  // mjpg1 wins
   for (const ordinal_case_t& c : cases) {
@@ -95,23 +88,20 @@ TEST_F(VideoTrackTest, StreamsAreNumberedDenselyInTheStartMask) {
     ASSERT_TRUE(InitializeAndStart());
     EXPECT_EQ(Status().lastStartArgument, c.start);
     for (size_t i = 0; i < c.specs.size(); i++) {
-      Variant& e = Stream(c.specs[i].key);
+      const stream_spec_t& spec = c.specs[i];
+      Variant& e = Stream(spec.key);
       if (c.ordinals[i] < 0) {
-        EXPECT_FALSE(e.HasKey("streamOrdinal")) << c.specs[i].key;
+        EXPECT_FALSE(e.HasKey("streamOrdinal")) << spec.key;
         continue;
       }
-      EXPECT_EQ((int)(unsigned)e["streamOrdinal"], c.ordinals[i]) << c.specs[i].key;
-      EXPECT_EQ((int)e["streamId"], c.ordinals[i]);
-      EXPECT_EQ((std::string)e["name"], c.specs[i].key);
-      vcam_stream_status_t status = StreamStatus(c.ordinals[i]);
-      EXPECT_EQ(status.fpsNumerator, c.specs[i].fps);
-      if (c.specs[i].key[0] == 'm') {
-        EXPECT_EQ(status.type, IAV_STREAM_TYPE_MJPEG);
-        EXPECT_EQ(status.quality, c.specs[i].bitrate);
-      } else {
-        // Rate control targets count at the VIN rate: 200000 at 15 of 30 is 400000.
-        EXPECT_EQ(status.targetBitrate, c.specs[i].bitrate * 30 / c.specs[i].fps);
-      }
+      EXPECT_EQ(std::make_tuple((int)(unsigned)e["streamOrdinal"], (int)e["streamId"], (std::string)e["name"]),
+                std::make_tuple(c.ordinals[i], c.ordinals[i], std::string(spec.key)));
+      vcam_stream_status_t st = StreamStatus(c.ordinals[i]);
+      bool jpeg = spec.key[0] == 'm';
+      // Rate control targets count at the VIN rate: 200000 at 15 of 30 is 400000.
+      EXPECT_EQ(std::make_tuple(st.fpsNumerator, st.type, jpeg ? st.quality : st.targetBitrate),
+                std::make_tuple(spec.fps, (uint32_t)(jpeg ? IAV_STREAM_TYPE_MJPEG : IAV_STREAM_TYPE_H264),
+                                jpeg ? spec.bitrate : spec.bitrate * 30 / spec.fps));
     }
     ASSERT_TRUE(track_->StopEncoding());
     EXPECT_EQ(Status().lastStopArgument, c.start);
@@ -122,11 +112,10 @@ TEST_F(VideoTrackTest, StreamsAreNumberedDenselyInTheStartMask) {
 
   // No stream at all still starts encoding.
   ResetSettings();
-  log_.Clear();
   uint32_t starts = vcam_request_count(IAV_IOC_START_ENCODE);
   ASSERT_TRUE(InitializeAndStart());
-  EXPECT_EQ(Status().lastStartArgument, 0u);
-  EXPECT_EQ(vcam_request_count(IAV_IOC_START_ENCODE), starts + 1);
+  EXPECT_EQ(std::make_tuple(Status().lastStartArgument, vcam_request_count(IAV_IOC_START_ENCODE)),
+            std::make_tuple(0u, starts + 1));
   EXPECT_TRUE(log_.Has("Setup is using 0Mbps out of 633420Mbps (%0.00)"));
 }
 
@@ -145,7 +134,6 @@ TEST_F(VideoTrackTest, BudgetAcceptsExactlyTheCapacityAndRefusesOneMore) {
   EXPECT_TRUE(log_.Has("Encoding 1616x656@1 requires 4141Mbps out of 216000Mbps"));
   EXPECT_TRUE(log_.Has("Mbps exceeded: wanted: 216001; max: 216000"));
   EXPECT_EQ(vcam_request_count(IAV_IOC_VIN_SET_MODE), modesBefore);  // the driver was not touched
-  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_IDLE);
   EXPECT_EQ(events_, std::vector<std::string>({"EventIavStateEnterIdle"}));
 }
 
@@ -172,11 +160,8 @@ TEST_F(VideoTrackTest, GopRulesForceMOneAndCheckTheRate) {
   settings_.video()["lowDelay"] = true;
   ASSERT_TRUE(MakeTrack().Initialize());
   EXPECT_TRUE(log_.Has("lowDelay flag is true while M is not 1. Making M = 1 by force"));
-  EXPECT_EQ((unsigned)Stream("video1")["M"], 1u);
-  EXPECT_EQ((unsigned)Stream("video1")["gopModel"], 4u);
-  iav_system_resource_t resource;
-  vcam_get_system_resource(&resource);
-  EXPECT_EQ(resource.stream[0].maxM, 1u);
+  EXPECT_EQ(std::make_tuple((unsigned)Stream("video1")["M"], (unsigned)Stream("video1")["gopModel"], Resource().stream[0].maxM),
+            std::make_tuple(1u, 4u, 1u));
 
   settings_.video()["lowDelay"] = false;
   Stream("video1")["M"] = 2u;
@@ -202,27 +187,22 @@ TEST_F(VideoTrackTest, HdrIsClampedToTheSensorAndToTwoExposures) {
   EXPECT_TRUE(log_.Has("Maximum supported HDR mode is 2. Requested was 3. Lowering down to 2"));
   EXPECT_TRUE(log_.Has("S2L and S2Lm does not support 3X HDR and above. Lowering down to 2X"));
   EXPECT_TRUE(log_.Has("When HDR is active, M can only be 1"));
-  EXPECT_EQ(Status().vinHdrMode, 1u);
-  EXPECT_EQ(Status().vinWidth, 1920u);  // the 29.97 mode is never chosen
-  EXPECT_EQ((unsigned)settings_.video()["hdrMode"], 3u);
-  iav_system_resource_t resource;
-  vcam_get_system_resource(&resource);
-  EXPECT_EQ(resource.exposureNum, 2u);
+  // The 29.97 mode is never chosen; the settings keep what was asked.
+  EXPECT_EQ(std::make_tuple(Status().vinHdrMode, Status().vinWidth, Resource().exposureNum, (unsigned)settings_.video()["hdrMode"]),
+            std::make_tuple(1u, 1920u, 2u, 3u));
 }
 
 TEST_F(VideoTrackTest, VinRateFollowsVinFps) {
   AddStream(kVideo1);
   settings_.video()["vinFps"] = (unsigned short)0;
   ASSERT_TRUE(MakeTrack().Initialize());
-  EXPECT_EQ((unsigned)settings_.video()["vinFps"], 60u);
-  EXPECT_EQ(Status().vinFramePeriod, 8533333u);
+  EXPECT_EQ(std::make_tuple((unsigned)settings_.video()["vinFps"], Status().vinFramePeriod), std::make_tuple(60u, 8533333u));
   EXPECT_FALSE(log_.Contains("Wanted FPS: 0"));
 
   settings_.video()["vinFps"] = (unsigned short)7;
   ASSERT_TRUE(MakeTrack().Initialize());
   EXPECT_TRUE(log_.Has("FPS value corrected. Max FPS: 60; Wanted FPS: 7; Correct FPS: 6"));
-  EXPECT_EQ((unsigned)settings_.video()["vinFps"], 6u);
-  EXPECT_EQ(Status().vinFramePeriod, 85333333u);
+  EXPECT_EQ(std::make_tuple((unsigned)settings_.video()["vinFps"], Status().vinFramePeriod), std::make_tuple(6u, 85333333u));
 
   vcam_sensor_mode_t odd[] = {{0, 0, 1920, 1080, 17083750}};
   ASSERT_EQ(vcam_set_sensor_modes(odd, 1), 0);
@@ -239,24 +219,20 @@ TEST_F(VideoTrackTest, ChipRowsFollowTheReportedIdAndUnknownChipsEndTheProcess) 
   vcam_set_chip_id(1);
   EXPECT_TRUE(MakeTrack().Initialize());
   EXPECT_TRUE(log_.Has("S2L_33M chip detected capable of 305340Mbps"));
-  EXPECT_EQ(encoder::internal::GetChipPerformance(), 305340u);
-  // Id 8 passes the range test and reads the row past the table.
-  vcam_set_chip_id(8);
+  vcam_set_chip_id(8);  // passes the range test and reads the row past the table
   EXPECT_EQ(encoder::internal::GetChipPerformance(), 0u);
 
-  // Chips that cannot be identified end the process.
+  // Chips that cannot be identified end the process: {chip id, failing request, line}.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  vcam_set_chip_id(-1);
-  EXPECT_DEATH(encoder::internal::GetChip(), "chipId not properly detected");
-  vcam_set_chip_id(9);
-  EXPECT_DEATH(encoder::internal::GetChip(), "chipId is out of the known range of chip IDs. Max value is 9\\.");
-  vcam_set_chip_id(5);
-  vcam_fault_request(IAV_IOC_GET_CHIP_ID, EIO, 1);
-  EXPECT_DEATH(encoder::internal::GetChip(), "IAV_IOC_GET_CHIP_ID failed");
-  vcam_clear_faults();
-  vcam_fault_request(VCAM_OP_OPEN_IAV, ENOENT, 1);
-  EXPECT_DEATH(encoder::internal::GetChip(), "Opening IAV failed");
-  vcam_clear_faults();
+  const std::tuple<int, unsigned long, const char*> deaths[] = {
+      {-1, 0, "chipId not properly detected"}, {9, 0, "chipId is out of the known range of chip IDs. Max value is 9\\."},
+      {5, IAV_IOC_GET_CHIP_ID, "IAV_IOC_GET_CHIP_ID failed"}, {5, VCAM_OP_OPEN_IAV, "Opening IAV failed"}};
+  for (const auto& d : deaths) {
+    vcam_set_chip_id(std::get<0>(d));
+    if (std::get<1>(d) != 0) vcam_fault_request(std::get<1>(d), EIO, 1);
+    EXPECT_DEATH(encoder::internal::GetChip(), std::get<2>(d));
+    vcam_clear_faults();
+  }
 }
 
 struct failure_case_t {
@@ -264,27 +240,19 @@ struct failure_case_t {
   const char* line;
   bool idleSent;
 };
+#define IOCTL_FAILURE(request, idle) {request, #request " failed", idle}
 
 TEST_F(VideoTrackTest, EachDriverFailureLogsItsLineAndStopsInitialize) {
   const failure_case_t cases[] = {
-      {VCAM_OP_OPEN_UCODE, "Opening ucode failed", false},
-      {IAV_IOC_GET_UCODE_VERSION, "IAV_IOC_GET_UCODE_VERSION failed", false},
-      {VCAM_OP_OPEN_IAV, "Opening IAV failed", false},
-      {IAV_IOC_ENTER_IDLE, "IAV_IOC_ENTER_IDLE failed", false},
-      {IAV_IOC_VIN_SET_MODE, "IAV_IOC_VIN_SET_MODE failed", true},
-      {IAV_IOC_VIN_SET_FPS, "IAV_IOC_VIN_SET_FPS failed", true},
-      {IAV_IOC_GET_SYSTEM_RESOURCE, "IAV_IOC_GET_SYSTEM_RESOURCE failed", true},
-      {IAV_IOC_SET_SYSTEM_RESOURCE, "IAV_IOC_SET_SYSTEM_RESOURCE failed", true},
-      {IAV_IOC_GET_SOURCE_BUFFER_SETUP, "IAV_IOC_GET_SOURCE_BUFFER_SETUP failed", true},
-      {IAV_IOC_SET_SOURCE_BUFFER_SETUP, "IAV_IOC_SET_SOURCE_BUFFER_SETUP failed", true},
-      {IAV_IOC_GET_STREAM_FORMAT, "IAV_IOC_GET_STREAM_FORMAT failed", true},
-      {IAV_IOC_SET_STREAM_FORMAT, "IAV_IOC_SET_STREAM_FORMAT failed", true},
-      {IAV_IOC_GET_H264_CONFIG, "IAV_IOC_GET_H264_CONFIG failed", true},
-      {IAV_IOC_SET_H264_CONFIG, "IAV_IOC_SET_H264_CONFIG failed", true},
-      {IAV_IOC_SET_STREAM_CONFIG, "IAV_IOC_SET_STREAM_CONFIG failed", true},
-      {IAV_IOC_GET_STREAM_CONFIG, "IAV_IOC_GET_STREAM_CONFIG failed", true},
-      {IAV_IOC_QUERY_BUF, "IAV_IOC_QUERY_BUF failed", true},
-      {IAV_IOC_ENABLE_PREVIEW, "IAV_IOC_ENABLE_PREVIEW failed", true},
+      {VCAM_OP_OPEN_UCODE, "Opening ucode failed", false}, IOCTL_FAILURE(IAV_IOC_GET_UCODE_VERSION, false),
+      {VCAM_OP_OPEN_IAV, "Opening IAV failed", false}, IOCTL_FAILURE(IAV_IOC_ENTER_IDLE, false),
+      IOCTL_FAILURE(IAV_IOC_VIN_SET_MODE, true), IOCTL_FAILURE(IAV_IOC_VIN_SET_FPS, true),
+      IOCTL_FAILURE(IAV_IOC_GET_SYSTEM_RESOURCE, true), IOCTL_FAILURE(IAV_IOC_SET_SYSTEM_RESOURCE, true),
+      IOCTL_FAILURE(IAV_IOC_GET_SOURCE_BUFFER_SETUP, true), IOCTL_FAILURE(IAV_IOC_SET_SOURCE_BUFFER_SETUP, true),
+      IOCTL_FAILURE(IAV_IOC_GET_STREAM_FORMAT, true), IOCTL_FAILURE(IAV_IOC_SET_STREAM_FORMAT, true),
+      IOCTL_FAILURE(IAV_IOC_GET_H264_CONFIG, true), IOCTL_FAILURE(IAV_IOC_SET_H264_CONFIG, true),
+      IOCTL_FAILURE(IAV_IOC_SET_STREAM_CONFIG, true), IOCTL_FAILURE(IAV_IOC_GET_STREAM_CONFIG, true),
+      IOCTL_FAILURE(IAV_IOC_QUERY_BUF, true), IOCTL_FAILURE(IAV_IOC_ENABLE_PREVIEW, true),
   };
   AddStream(kVideo1);
   for (const failure_case_t& c : cases) {
@@ -317,7 +285,6 @@ TEST_F(VideoTrackTest, EachDriverFailureLogsItsLineAndStopsInitialize) {
   events_.clear();
   vcam_fault_request(IAV_IOC_START_ENCODE, EINVAL, 1);
   EXPECT_FALSE(track_->StartEncoding());
-  EXPECT_TRUE(log_.Has("start ? IAV_IOC_START_ENCODE : IAV_IOC_STOP_ENCODE failed"));
   EXPECT_TRUE(events_.empty());
   ASSERT_TRUE(track_->StartEncoding());
   vcam_fault_request(IAV_IOC_STOP_ENCODE, EIO, 1);
@@ -328,9 +295,7 @@ TEST_F(VideoTrackTest, EachDriverFailureLogsItsLineAndStopsInitialize) {
 }
 
 TEST_F(VideoTrackTest, StreamRangeErrorsFailBeforeTheDriver) {
-  AddStream({"video1", 320, 180, 5, 0, 400000});
-  AddStream({"video2", 320, 180, 5, 1, 400000});
-  AddStream({"video3", 320, 180, 5, 2, 400000});
+  for (const char* key : {"video1", "video2", "video3"}) AddStream({key, 320, 180, 5, (unsigned)(key[5] - '1'), 400000});
   AddStream({"mjpg", 320, 180, 5, 3, 0});
   AddStream({"mjpg2", 320, 180, 5, 3, 70});
   EXPECT_FALSE(MakeTrack().Initialize());
@@ -338,7 +303,6 @@ TEST_F(VideoTrackTest, StreamRangeErrorsFailBeforeTheDriver) {
   Stream("mjpg")["quality"] = (unsigned char)60;
   EXPECT_FALSE(Reinitialize());
   EXPECT_TRUE(log_.Has("streamId (4) should be in range [0..3]"));
-  EXPECT_EQ((unsigned)Stream("mjpg2")["streamOrdinal"], 4u);
 }
 
 TEST_F(VideoTrackTest, CbrSettingsStillProgramTheVbrMaximum) {
@@ -346,12 +310,11 @@ TEST_F(VideoTrackTest, CbrSettingsStillProgramTheVbrMaximum) {
   Stream("video1")["isCbr"] = true;
   Stream("video1")["bitRateCbrAvg"] = 20000u;
   ASSERT_TRUE(MakeTrack().Initialize());
-  EXPECT_EQ(StreamStatus(0).rcMode, IAV_BRC_MODE_VBR);
-  EXPECT_EQ(StreamStatus(0).targetBitrate, 800000u);  // 400000 x 30 / 15
+  EXPECT_EQ(std::make_tuple(StreamStatus(0).rcMode, StreamStatus(0).targetBitrate),
+            std::make_tuple((uint32_t)IAV_BRC_MODE_VBR, 800000u));  // 400000 x 30 / 15
   EXPECT_EQ(track_->FixBitrate(0, 1000), 2000u);
   // The starting QP of the stream's size: 320x180 is nearest to 352x240.
-  EXPECT_EQ(track_->CalculateTargetQP(400000, 0), 15);
-  EXPECT_EQ(track_->CalculateTargetQP(900000, 0), 13);
+  EXPECT_EQ(std::make_tuple(track_->CalculateTargetQP(400000, 0), track_->CalculateTargetQP(900000, 0)), std::make_tuple(15, 13));
 }
 
 TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
@@ -364,14 +327,11 @@ TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
   ASSERT_TRUE(MakeTrack().Initialize());
   EXPECT_EQ(vcam_get_ucode_loaded(), 1);
   EXPECT_TRUE(log_.Contains(std::string("Loading DSP ucode ") + dir + "/"));
-  EXPECT_TRUE(log_.Has("Microcode version 2.7 - 14/3/2016"));
   EXPECT_EQ(track_->GetUcodeFd(), -1);
 
-  const failure_case_t cases[] = {
-      {IAV_IOC_GET_UCODE_INFO, "IAV_IOC_GET_UCODE_INFO failed", false},
-      {VCAM_OP_MMAP, "Unable to mmap /dev/ucode", false},
-      {IAV_IOC_UPDATE_UCODE, "IAV_IOC_UPDATE_UCODE failed", false},
-  };
+  const failure_case_t cases[] = {IOCTL_FAILURE(IAV_IOC_GET_UCODE_INFO, false),
+                                  {VCAM_OP_MMAP, "Unable to mmap /dev/ucode", false},
+                                  IOCTL_FAILURE(IAV_IOC_UPDATE_UCODE, false)};
   for (const failure_case_t& c : cases) {
     SCOPED_TRACE(c.line);
     vcam_set_ucode_loaded(0);
@@ -385,10 +345,8 @@ TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
   settings_["firmwarePath"] = std::string(dir) + "/missing/";
   uint32_t idles = vcam_request_count(IAV_IOC_ENTER_IDLE);
   EXPECT_FALSE(MakeTrack().Initialize());
-  EXPECT_EQ(vcam_get_ucode_loaded(), 0);
-  EXPECT_EQ(vcam_request_count(IAV_IOC_ENTER_IDLE), idles);
-  std::string cleanup = std::string("rm -rf ") + dir;
-  EXPECT_EQ(system(cleanup.c_str()), 0);
+  EXPECT_EQ(std::make_tuple(vcam_get_ucode_loaded(), vcam_request_count(IAV_IOC_ENTER_IDLE)), std::make_tuple(0, idles));
+  EXPECT_EQ(system((std::string("rm -rf ") + dir).c_str()), 0);
 }
 
 }  // namespace

@@ -23,10 +23,7 @@ using variant::Variant;
 
 struct stream_spec_t {
   const char* key;  // "video1", ..., "mjpg2"
-  unsigned int width;
-  unsigned int height;
-  unsigned int fps;
-  unsigned int sourceId;
+  unsigned int width, height, fps, sourceId;
   unsigned int bitrate;  // "bitRateVbrMax" (H.264) or quality (MJPEG)
 };
 
@@ -62,14 +59,14 @@ class VideoTrackTest : public CameraTest {
     e["height"] = s.height;
     e["fps"] = (unsigned char)s.fps;
     e["sourceId"] = s.sourceId;
-    if (std::string(s.key).compare(0, 5, "video") == 0) {
-      e["M"] = 1u;
-      e["N"] = 10u;
-      e["nMultiplier"] = 1u;
-      e["bitRateVbrMax"] = s.bitrate;
-    } else {
+    if (s.key[0] == 'm') {
       e["quality"] = (unsigned char)s.bitrate;
+      return;
     }
+    e["M"] = 1u;
+    e["N"] = 10u;
+    e["nMultiplier"] = 1u;
+    e["bitRateVbrMax"] = s.bitrate;
   }
 
   // Normalises the settings as the Encoder does and builds the track.
@@ -87,10 +84,7 @@ class VideoTrackTest : public CameraTest {
     return MakeTrack().Initialize();
   }
 
-  bool InitializeAndStart() {
-    TrackEncoderVideoS2L& track = MakeTrack();
-    return track.Initialize() && track.StartEncoding();
-  }
+  bool InitializeAndStart() { return MakeTrack().Initialize() && track_->StartEncoding(); }
 
   Variant& Stream(const char* key) { return settings_.video()[key]; }
 

@@ -17,16 +17,10 @@
 constexpr uint32_t kPeriod30 = 17066667;  // 512000000 / 30, rounded
 
 struct StreamSetup {
-  uint32_t id = 0;
-  uint32_t type = IAV_STREAM_TYPE_H264;
-  uint32_t sourceBuf = 0;
-  uint32_t width = 320;
-  uint32_t height = 180;
+  uint32_t id = 0, type = IAV_STREAM_TYPE_H264, sourceBuf = 0, width = 320, height = 180;
   uint32_t fps = 30;  // against a 30 fps VIN
   uint16_t N = 10;
-  uint32_t idrInterval = 30;
-  uint32_t bitrate = 400000;
-  uint32_t quality = 80;
+  uint32_t idrInterval = 30, bitrate = 400000, quality = 80;
 };
 
 class VirtualCameraTest : public vesk::test::CameraTest {
@@ -51,26 +45,21 @@ class VirtualCameraTest : public vesk::test::CameraTest {
     return vdev_ioctl(iav_, request, const_cast<void*>(static_cast<const void*>(record))) == 0 ? 0 : errno;
   }
 
+  // One stream configuration item; payload null: an item without one.
   int SetStreamConfig(uint32_t id, uint32_t cid, const void* payload, size_t size) {
-    iav_stream_cfg_t cfg;
-    memset(&cfg, 0, sizeof(cfg));
+    iav_stream_cfg_t cfg{};
     cfg.id = id;
     cfg.cid = cid;
     if (payload != nullptr) memcpy(&cfg.arg, payload, size);
     return Request(IAV_IOC_SET_STREAM_CONFIG, &cfg);
   }
-
-  int SetBitrate(uint32_t id, uint32_t target) {
-    iav_stream_bitrate_t b;
-    memset(&b, 0, sizeof(b));
-    b.targetBitrate = target;
-    b.rcMode = IAV_BRC_MODE_VBR;
-    b.vbrLevel = 4;
-    b.qpMinI = b.qpMinP = b.qpMinB = 1;
-    b.qpMaxI = b.qpMaxP = b.qpMaxB = 51;
-    return SetStreamConfig(id, IAV_STMCFG_BITRATE, &b, sizeof(b));
+  template <typename T>
+  int SetItem(uint32_t id, uint32_t cid, const T& payload) {
+    return SetStreamConfig(id, cid, &payload, sizeof(payload));
   }
-
+  int SetBitrate(uint32_t id, uint32_t target) {
+    return SetItem(id, IAV_STMCFG_BITRATE, iav_stream_bitrate_t{target, IAV_BRC_MODE_VBR, 4, 0, 0, 1, 51, 1, 51, 1, 51, {}});
+  }
   int ForceIdr(uint32_t id) { return SetStreamConfig(id, IAV_STMCFG_FORCE_IDR, nullptr, 0); }
 
   // Idle, VIN 1080p at 30, resources, source buffers 0 (1920x1080) and 1 (640x360).
@@ -95,38 +84,19 @@ class VirtualCameraTest : public vesk::test::CameraTest {
   }
 
   // Format, codec settings, rate and cadence of one stream, as the track sends them.
-  void ConfigureStream(const StreamSetup& s) {
-    iav_stream_format_t format;
-    memset(&format, 0, sizeof(format));
-    format.id = s.id;
-    ASSERT_EQ(Request(IAV_IOC_GET_STREAM_FORMAT, &format), 0);
-    format.type = s.type;
-    format.sourceBuf = s.sourceBuf;
-    format.width = s.width;
-    format.height = s.height;
-    format.offsetX = format.offsetY = 0;
+  void ConfigureStream(const StreamSetup& s, uint8_t M = 1) {
+    iav_stream_format_t format{s.id, s.type, s.sourceBuf, s.width, s.height, 0, 0, 0, 0, 0, 0, {}};
     ASSERT_EQ(Request(IAV_IOC_SET_STREAM_FORMAT, &format), 0);
     bool h264 = s.type == IAV_STREAM_TYPE_H264;
     if (h264) {
-      iav_h264_config_t config;
-      memset(&config, 0, sizeof(config));
-      config.id = s.id;
-      ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &config), 0);
-      config.M = 1;
-      config.N = s.N;
-      config.gopModel = 0;
-      config.cabac = config.audType = 1;
-      config.lowLatency = 0;
+      iav_h264_config_t config{s.id, M, 0, s.N, 0, 1, 1, 0, 0, {}};
       ASSERT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &config), 0);
     } else {
-      iav_stream_quality_t quality = {s.quality};
-      ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_MJPEG_QUALITY, &quality, sizeof(quality)), 0);
+      ASSERT_EQ(SetItem(s.id, IAV_STMCFG_MJPEG_QUALITY, iav_stream_quality_t{s.quality}), 0);
     }
-    iav_stream_fps_t fps = {s.fps, 30};
-    ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_FPS, &fps, sizeof(fps)), 0);
+    ASSERT_EQ(SetItem(s.id, IAV_STMCFG_FPS, iav_stream_fps_t{s.fps, 30}), 0);
     if (h264) {
-      iav_stream_gop_t gop = {s.idrInterval, 1};
-      ASSERT_EQ(SetStreamConfig(s.id, IAV_STMCFG_GOP, &gop, sizeof(gop)), 0);
+      ASSERT_EQ(SetItem(s.id, IAV_STMCFG_GOP, iav_stream_gop_t{s.idrInterval, 1}), 0);
       ASSERT_EQ(SetBitrate(s.id, s.bitrate), 0);
     }
     ASSERT_EQ(ForceIdr(s.id), 0);
@@ -146,8 +116,7 @@ class VirtualCameraTest : public vesk::test::CameraTest {
 
   // Maps the bitstream ring twice its length, as the track does.
   void MapRing() {
-    iav_querybuf_t query;
-    memset(&query, 0, sizeof(query));
+    iav_querybuf_t query{};
     query.buf = IAV_BUFFER_BSB;
     ASSERT_EQ(Request(IAV_IOC_QUERY_BUF, &query), 0);
     ringLength_ = query.length;
@@ -158,16 +127,13 @@ class VirtualCameraTest : public vesk::test::CameraTest {
 
   // The next picture's descriptor; false on EAGAIN.
   bool NextFrame(iav_framedesc_t* desc, int32_t stream = IAV_STREAM_ID_ANY) {
-    iav_querydesc_t query;
-    memset(&query, 0, sizeof(query));
+    iav_querydesc_t query{};
     query.qid = IAV_DESC_FRAME;
     query.arg.frame.id = stream;
     int err = Request(IAV_IOC_QUERY_DESC, &query);
-    if (err == EAGAIN) return false;
-    EXPECT_EQ(err, 0);
-    if (err != 0) return false;
+    EXPECT_TRUE(err == 0 || err == EAGAIN) << err;
     *desc = query.arg.frame;
-    return true;
+    return err == 0;
   }
 
   std::vector<iav_framedesc_t> DrainFrames(int32_t stream = IAV_STREAM_ID_ANY) {

@@ -3,6 +3,7 @@
 // the descriptor and bitstream faults.
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <tuple>
 
@@ -38,29 +39,19 @@ TEST_F(VirtualCameraTest, H264PicturesFollowTheCadenceAndItsChanges) {
     const iav_framedesc_t& f = frames[i];
     EXPECT_EQ(std::make_tuple(f.id, f.frameNum, f.width, f.height), std::make_tuple(0, (uint32_t)i, 320u, 180u));
     EXPECT_EQ(f.hwTimestamp, f.pts * (VCAM_TIMER_FREQUENCY / 90000));
-    // AUD first, SPS and PPS on I and IDR pictures, one slice last, all
-    // behind 4-byte start codes.
+    // AUD, then SPS and PPS on I and IDR pictures, SEI maybe, one slice
+    // last, all behind 4-byte start codes (-1 otherwise).
     std::vector<int> types = NalTypes(PictureBytes(f));
-    ASSERT_GE(types.size(), 2u);
-    EXPECT_EQ(types.front(), 9) << i;
-    int slices = 0;
-    for (int type : types) {
-      EXPECT_TRUE(type == 9 || type == 7 || type == 8 || type == 6 || type == 5 || type == 1) << type << " in " << i;
-      slices += type == 1 || type == 5;
-    }
-    EXPECT_EQ(slices, 1) << i;
-    EXPECT_EQ(types.back(), f.picType == IAV_PIC_TYPE_IDR ? 5 : 1);
-    if (f.picType != IAV_PIC_TYPE_P) {
-      ASSERT_GE(types.size(), 4u);
-      EXPECT_EQ(types[1], 7);
-      EXPECT_EQ(types[2], 8);
-    }
+    ASSERT_GE(types.size(), 2u) << i;
+    types.erase(std::remove(types.begin() + 1, types.end() - 1, 6), types.end() - 1);
+    std::vector<int> expected = {9, 7, 8, f.picType == IAV_PIC_TYPE_IDR ? 5 : 1};
+    if (f.picType == IAV_PIC_TYPE_P) expected.erase(expected.begin() + 1, expected.begin() + 3);
+    EXPECT_EQ(types, expected) << i;
   }
   // Pictures carry the time of the hardware timer (the 90 kHz stamp is exact to 300 ticks).
   EXPECT_LE(frames.back().hwTimestamp, vcam_timer_ticks());
   EXPECT_GT(frames.back().hwTimestamp + VCAM_TIMER_FREQUENCY / 30 + 300, vcam_timer_ticks());
   EXPECT_EQ(DecodeOne(AV_CODEC_ID_H264, PictureBytes(frames[0]), 320, 180), 1);
-
   // A forced IDR restarts the cadence.
   vcam_advance_ms(400);  // 12 pictures: the GOP is 12 pictures in
   ASSERT_EQ(DrainFrames().size(), 12u);
@@ -72,10 +63,8 @@ TEST_F(VirtualCameraTest, H264PicturesFollowTheCadenceAndItsChanges) {
   EXPECT_EQ(StreamStatus(0).pictures, 102u);
 
   // The run-time rate change: new factor, new cadence, forced IDR, while encoding.
-  iav_stream_fps_t half = {15, 30};
-  ASSERT_EQ(SetStreamConfig(0, IAV_STMCFG_FPS, &half, sizeof(half)), 0);
-  iav_stream_gop_t gop = {15, 1};
-  ASSERT_EQ(SetStreamConfig(0, IAV_STMCFG_GOP, &gop, sizeof(gop)), 0);
+  ASSERT_EQ(SetItem(0, IAV_STMCFG_FPS, iav_stream_fps_t{15, 30}), 0);
+  ASSERT_EQ(SetItem(0, IAV_STMCFG_GOP, iav_stream_gop_t{15, 1}), 0);
   ASSERT_EQ(ForceIdr(0), 0);
   vcam_advance_ms(2000);
   frames = DrainFrames();
@@ -87,19 +76,13 @@ TEST_F(VirtualCameraTest, H264PicturesFollowTheCadenceAndItsChanges) {
 TEST_F(VirtualCameraTest, BPicturesWhenMIsAboveOne) {
   ASSERT_NO_FATAL_FAILURE(MapRing());
   ASSERT_NO_FATAL_FAILURE(SetUpIdleVin());
-  ASSERT_NO_FATAL_FAILURE(ConfigureStream(StreamSetup()));
-  iav_h264_config_t h264;
-  memset(&h264, 0, sizeof(h264));
-  ASSERT_EQ(Request(IAV_IOC_GET_H264_CONFIG, &h264), 0);
-  h264.M = 2;
-  ASSERT_EQ(Request(IAV_IOC_SET_H264_CONFIG, &h264), 0);
+  ASSERT_NO_FATAL_FAILURE(ConfigureStream(StreamSetup(), 2));
   ASSERT_EQ(Request(IAV_IOC_ENABLE_PREVIEW, 0ul), 0);
   ASSERT_EQ(Request(IAV_IOC_START_ENCODE, 1ul), 0);
   vcam_advance_ms(1000);
   std::map<uint32_t, int> types;
   for (const iav_framedesc_t& f : DrainFrames()) ++types[f.picType];
-  EXPECT_GT(types[IAV_PIC_TYPE_B], 5);
-  EXPECT_EQ(types[IAV_PIC_TYPE_IDR], 1);
+  EXPECT_TRUE(types[IAV_PIC_TYPE_B] > 5 && types[IAV_PIC_TYPE_IDR] == 1) << types[IAV_PIC_TYPE_B];
 }
 
 // Bits per second of one stream over the pictures with pts in [from, to).
@@ -139,8 +122,7 @@ TEST_F(VirtualCameraTest, BitRateAtTheVinRateFollowsChangesAndStreamsQueryAndSto
   double fullRate = MeasuredRate(frames, 0, now - 2 * 90000, now);
   double halfRate = MeasuredRate(frames, 1, now - 2 * 90000, now);
   EXPECT_NEAR(fullRate, 600000, 600000 * 0.4);
-  EXPECT_GT(halfRate / fullRate, 0.35);
-  EXPECT_LT(halfRate / fullRate, 0.65);
+  EXPECT_NEAR(halfRate / fullRate, 0.5, 0.15);
 
   ASSERT_EQ(SetBitrate(0, 150000), 0);
   now = run(4);
@@ -151,7 +133,6 @@ TEST_F(VirtualCameraTest, BitRateAtTheVinRateFollowsChangesAndStreamsQueryAndSto
   run(1);
   for (const iav_framedesc_t& f : frames) EXPECT_EQ(f.id, 0);
   EXPECT_EQ(Status().encodeMask, 1u);
-  EXPECT_EQ(Status().iavState, VCAM_IAV_STATE_ENCODE);
 }
 
 TEST_F(VirtualCameraTest, JpegPicturesAtTheirQuality) {
@@ -166,14 +147,10 @@ TEST_F(VirtualCameraTest, JpegPicturesAtTheirQuality) {
   vcam_advance_ms(3000);
   std::vector<iav_framedesc_t> good = DrainFrames();
   ASSERT_EQ(good.size(), 3u);
-  for (const iav_framedesc_t& f : good) {
-    EXPECT_EQ(f.picType, IAV_PIC_TYPE_JPEG);
-    EXPECT_EQ(f.id, 2);
-  }
+  for (const iav_framedesc_t& f : good) EXPECT_EQ(std::make_tuple(f.picType, f.id), std::make_tuple((uint32_t)IAV_PIC_TYPE_JPEG, 2));
   EXPECT_EQ(DecodeOne(AV_CODEC_ID_MJPEG, PictureBytes(good[0]), 320, 180), 1);
 
-  iav_stream_quality_t low = {10};
-  ASSERT_EQ(SetStreamConfig(2, IAV_STMCFG_MJPEG_QUALITY, &low, sizeof(low)), 0);
+  ASSERT_EQ(SetItem(2, IAV_STMCFG_MJPEG_QUALITY, iav_stream_quality_t{10}), 0);
   vcam_advance_ms(1000);
   std::vector<iav_framedesc_t> poor = DrainFrames();
   ASSERT_EQ(poor.size(), 1u);
@@ -201,6 +178,21 @@ TEST_F(VirtualCameraTest, MirroredRingReadsAcrossItsEnd) {
     }
   }
   EXPECT_TRUE(crossed);
+
+  // Falling behind on the small ring: pictures whose bytes were overwritten
+  // are lost too, and every picture still queued is intact.
+  vcam_set_scene(VCAM_SCENE_BUSY);
+  vcam_advance_ms(3000);
+  std::vector<iav_framedesc_t> frames = DrainFrames();
+  ASSERT_FALSE(frames.empty());
+  EXPECT_LT(frames.size(), VCAM_DEFAULT_QUEUE_DEPTH);
+  size_t total = 0;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    total += frames[i].size;
+    EXPECT_EQ(NalTypes(PictureBytes(frames[i])).front(), 9);
+    EXPECT_EQ(frames[i].frameNum, frames.back().frameNum - (frames.size() - 1 - i));
+  }
+  EXPECT_LE(total, 64u * 1024);
 }
 
 TEST_F(VirtualCameraTest, ReaderFallingBehindLosesTheOldestPictures) {
@@ -209,29 +201,8 @@ TEST_F(VirtualCameraTest, ReaderFallingBehindLosesTheOldestPictures) {
   vcam_advance_ms(5000);  // 150 pictures, 64 kept
   std::vector<iav_framedesc_t> frames = DrainFrames();
   ASSERT_EQ(frames.size(), VCAM_DEFAULT_QUEUE_DEPTH);
-  EXPECT_EQ(frames.front().frameNum, 150u - VCAM_DEFAULT_QUEUE_DEPTH);
-  EXPECT_EQ(frames.back().frameNum, 149u);
-  EXPECT_EQ(Status().picturesLost, 150u - VCAM_DEFAULT_QUEUE_DEPTH);
-
-  // A small ring: pictures whose bytes were overwritten are lost too, and
-  // every picture still queued is intact.
-  vcam_set_scene(VCAM_SCENE_BUSY);
-  ASSERT_EQ(vcam_set_bitstream_size(64 * 1024), 0);
-  vcam_advance_ms(3000);
-  frames = DrainFrames();
-  ASSERT_FALSE(frames.empty());
-  EXPECT_LT(frames.size(), VCAM_DEFAULT_QUEUE_DEPTH);
-  const uint8_t* small = static_cast<const uint8_t*>(vdev_mmap(nullptr, 2 * 64 * 1024, PROT_READ, MAP_SHARED, iav_, 0));
-  ASSERT_NE(small, MAP_FAILED);
-  size_t total = 0;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    const iav_framedesc_t& f = frames[i];
-    total += f.size;
-    EXPECT_EQ(NalTypes(std::vector<uint8_t>(small + f.dataOffset, small + f.dataOffset + f.size)).front(), 9);
-    EXPECT_EQ(f.frameNum, frames.back().frameNum - (frames.size() - 1 - i));
-  }
-  EXPECT_LE(total, 64u * 1024);
-  vdev_munmap(const_cast<uint8_t*>(small), 2 * 64 * 1024);
+  EXPECT_EQ(std::make_tuple(frames.front().frameNum, frames.back().frameNum, Status().picturesLost),
+            std::make_tuple(150u - VCAM_DEFAULT_QUEUE_DEPTH, 149u, 150u - VCAM_DEFAULT_QUEUE_DEPTH));
 }
 
 TEST_F(VirtualCameraTest, FaultyDescriptorsAndCorruptedPictures) {
@@ -245,11 +216,9 @@ TEST_F(VirtualCameraTest, FaultyDescriptorsAndCorruptedPictures) {
   vcam_advance_ms(66);
   std::vector<iav_framedesc_t> frames = DrainFrames();
   ASSERT_EQ(frames.size(), 4u);
-  EXPECT_EQ(frames[0].id, 4);
-  EXPECT_EQ(frames[1].picType, 7u);
+  EXPECT_EQ(std::make_tuple(frames[0].id, frames[1].picType), std::make_tuple(4, 7u));
   std::vector<int> corrupted = NalTypes(PictureBytes(frames[2]));
-  ASSERT_FALSE(corrupted.empty());
-  for (int type : corrupted) EXPECT_EQ(type, 0);
+  EXPECT_EQ(corrupted, std::vector<int>(std::max<size_t>(corrupted.size(), 1), 0));
   EXPECT_EQ(NalTypes(PictureBytes(frames[3])).front(), 9);
 }
 
@@ -265,8 +234,7 @@ TEST_F(VirtualCameraTest, ReplayRepeatsOneIdrPeriod) {
   EXPECT_EQ(DecodeOne(AV_CODEC_ID_H264, PictureBytes(frames[30]), 320, 180), 1);
 }
 
-// The default clock: a thread produces the pictures as time passes. Only
-// that they arrive is checked, never how fast.
+// The default clock: pictures arrive as time passes (never checked how fast).
 TEST_F(VirtualCameraTest, RealTimeClockProducesPictures) {
   vcam_set_clock_mode(VCAM_CLOCK_REALTIME);
   ASSERT_NO_FATAL_FAILURE(MapRing());
@@ -281,9 +249,7 @@ TEST_F(VirtualCameraTest, RealTimeClockProducesPictures) {
   }
   ASSERT_EQ(frames.size(), 3u);
   EXPECT_EQ(frames[0].picType, IAV_PIC_TYPE_IDR);
-  EXPECT_LT(frames[0].pts, frames[1].pts);
-  EXPECT_LT(frames[1].pts, frames[2].pts);
-  EXPECT_LE(frames[2].hwTimestamp, vcam_timer_ticks());
+  EXPECT_TRUE(frames[0].pts < frames[1].pts && frames[1].pts < frames[2].pts && frames[2].hwTimestamp <= vcam_timer_ticks());
 }
 
 }  // namespace
