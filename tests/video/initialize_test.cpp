@@ -1,5 +1,6 @@
 // Initialize in its fourteen steps on the virtual camera, and every driver
-// failure with its exact line.
+// failure with its exact line; the frame-rate matrix, ComputeFPS and the
+// starting-QP table it uses.
 #include <errno.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -8,12 +9,18 @@
 #include <string>
 #include <tuple>
 
+#include "fps.h"
+#include "trackencodervideos2lcommon.h"
 #include "vesk/device/iav.h"
 #include "video_fixture.h"
 
 namespace vesk {
 namespace test {
 namespace {
+
+using encoder::internal::fps_matrix_t;
+using encoder::internal::fps_t;
+using encoder::internal::LookupTargetQP;
 
 const stream_spec_t kVideo1 = {"video1", 640, 360, 30, 0, 400000};
 const stream_spec_t kVideo2 = {"video2", 320, 180, 15, 1, 200000};
@@ -45,7 +52,6 @@ TEST_F(VideoTrackTest, InitializeConfiguresOneStreamAndMovesThroughTheStates) {
   Variant& rates = v1["validFpsValues"];
   ASSERT_EQ(rates.MapSize(), 17u);  // the divisors of 90000 up to 30
   EXPECT_EQ(std::make_tuple((unsigned)rates[6], (unsigned)rates[16]), std::make_tuple(8u, 30u));
-  EXPECT_FALSE(Stream("video2").HasKey("streamOrdinal"));
 
   vcam_stream_status_t s = StreamStatus(0);
   EXPECT_EQ(std::make_tuple(s.type, s.width, s.height, s.M, s.N, s.fpsNumerator, s.fpsDenominator, s.idrInterval,
@@ -312,7 +318,6 @@ TEST_F(VideoTrackTest, CbrSettingsStillProgramTheVbrMaximum) {
   ASSERT_TRUE(MakeTrack().Initialize());
   EXPECT_EQ(std::make_tuple(StreamStatus(0).rcMode, StreamStatus(0).targetBitrate),
             std::make_tuple((uint32_t)IAV_BRC_MODE_VBR, 800000u));  // 400000 x 30 / 15
-  EXPECT_EQ(track_->FixBitrate(0, 1000), 2000u);
   // The starting QP of the stream's size: 320x180 is nearest to 352x240.
   EXPECT_EQ(std::make_tuple(track_->CalculateTargetQP(400000, 0), track_->CalculateTargetQP(900000, 0)), std::make_tuple(15, 13));
 }
@@ -347,6 +352,38 @@ TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
   EXPECT_FALSE(MakeTrack().Initialize());
   EXPECT_EQ(std::make_tuple(vcam_get_ucode_loaded(), vcam_request_count(IAV_IOC_ENTER_IDLE)), std::make_tuple(0, idles));
   EXPECT_EQ(system((std::string("rm -rf ") + dir).c_str()), 0);
+}
+
+TEST(FpsMatrixTest, HoldsOnlyRatesDividing90kHzWithBothPeriods) {
+  fps_matrix_t matrix;
+  // 30: truncated 17066666 and rounded 17066667, both indexed by period.
+  const fps_t* truncated = matrix.ByPeriod(17066666);
+  const fps_t* rounded = matrix.ByPeriod(17066667);
+  ASSERT_TRUE(truncated && rounded);
+  EXPECT_EQ(std::make_tuple(truncated->rate, truncated->rounded, rounded->rate, rounded->rounded), std::make_tuple(30u, false, 30u, true));
+  EXPECT_EQ(std::make_tuple(matrix.ByRate(30, false)->period, matrix.ByRate(15, true)->period), std::make_tuple(17066666u, 34133333u));
+  for (uint32_t rate = 0; rate <= 501; rate++)
+    EXPECT_EQ(matrix.ByRate(rate, true) != nullptr, rate > 0 && rate <= 500 && 90000 % rate == 0) << rate;
+  EXPECT_EQ(matrix.ByPeriod(17066668), nullptr);
+}
+
+TEST_F(VideoTrackTest, ComputeFpsTakesTheLargestDivisor) {
+  TrackEncoderVideoS2L& track = MakeTrack();
+  const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {{30, 30, 30}, {7, 30, 6},    {60, 30, 30}, {0, 30, 1},
+                                                            {30, 0, 1},   {255, 120, 120}, {29, 60, 25}};
+  for (const auto& c : cases)
+    EXPECT_EQ(track.ComputeFPS(std::get<0>(c), std::get<1>(c), 90000), std::get<2>(c)) << std::get<0>(c) << "/" << std::get<1>(c);
+  EXPECT_FALSE(log_.Contains("Wanted FPS: 30; Correct FPS: 30"));  // a rate in the matrix is taken silently
+}
+
+TEST(TargetQpTest, RowByBitRateColumnByNearestPixelCount) {
+  // Row by bit rate (a bound is not "greater than"), column by the nearest
+  // pixel count (1000x1000 is nearest 1280x720; 1 the smallest column).
+  const std::tuple<uint32_t, uint32_t, int> cases[] = {
+      {900000, 1280 * 720, 23}, {900000, 1000 * 1000, 23}, {100, 1920 * 1080, 31}, {256000, 1920 * 1080, 30},
+      {5000000, 352 * 240, 1},  {5000000, 352 * 288, 5},   {4000000000u, 640 * 480, 1}, {1999999, 1, 10},
+      {2000000, 1, 8}};
+  for (const auto& c : cases) EXPECT_EQ(LookupTargetQP(std::get<0>(c), std::get<1>(c)), std::get<2>(c)) << std::get<0>(c) << " " << std::get<1>(c);
 }
 
 }  // namespace

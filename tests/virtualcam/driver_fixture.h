@@ -14,8 +14,6 @@
 #include "vesk/device/device.h"
 #include "vesk/device/iav.h"
 
-constexpr uint32_t kPeriod30 = 17066667;  // 512000000 / 30, rounded
-
 struct StreamSetup {
   uint32_t id = 0, type = IAV_STREAM_TYPE_H264, sourceBuf = 0, width = 320, height = 180;
   uint32_t fps = 30;  // against a 30 fps VIN
@@ -57,9 +55,6 @@ class VirtualCameraTest : public vesk::test::CameraTest {
   int SetItem(uint32_t id, uint32_t cid, const T& payload) {
     return SetStreamConfig(id, cid, &payload, sizeof(payload));
   }
-  int SetBitrate(uint32_t id, uint32_t target) {
-    return SetItem(id, IAV_STMCFG_BITRATE, iav_stream_bitrate_t{target, IAV_BRC_MODE_VBR, 4, 0, 0, 1, 51, 1, 51, 1, 51, {}});
-  }
   int ForceIdr(uint32_t id) { return SetStreamConfig(id, IAV_STMCFG_FORCE_IDR, nullptr, 0); }
 
   // Idle, VIN 1080p at 30, resources, source buffers 0 (1920x1080) and 1 (640x360).
@@ -67,7 +62,7 @@ class VirtualCameraTest : public vesk::test::CameraTest {
     ASSERT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
     iav_vin_mode_t mode = {0, 0, 0, 0};
     ASSERT_EQ(Request(IAV_IOC_VIN_SET_MODE, &mode), 0);
-    iav_vin_fps_t fps = {0, kPeriod30};
+    iav_vin_fps_t fps = {0, 17066667};  // 512000000 / 30, rounded
     ASSERT_EQ(Request(IAV_IOC_VIN_SET_FPS, &fps), 0);
     iav_system_resource_t resource;
     ASSERT_EQ(Request(IAV_IOC_GET_SYSTEM_RESOURCE, &resource), 0);
@@ -97,7 +92,7 @@ class VirtualCameraTest : public vesk::test::CameraTest {
     ASSERT_EQ(SetItem(s.id, IAV_STMCFG_FPS, iav_stream_fps_t{s.fps, 30}), 0);
     if (h264) {
       ASSERT_EQ(SetItem(s.id, IAV_STMCFG_GOP, iav_stream_gop_t{s.idrInterval, 1}), 0);
-      ASSERT_EQ(SetBitrate(s.id, s.bitrate), 0);
+      ASSERT_EQ(SetItem(s.id, IAV_STMCFG_BITRATE, iav_stream_bitrate_t{s.bitrate, IAV_BRC_MODE_VBR, 4, 0, 0, 1, 51, 1, 51, 1, 51, {}}), 0);
     }
     ASSERT_EQ(ForceIdr(s.id), 0);
   }
@@ -125,22 +120,18 @@ class VirtualCameraTest : public vesk::test::CameraTest {
     ring_ = static_cast<const uint8_t*>(ring);
   }
 
-  // The next picture's descriptor; false on EAGAIN.
-  bool NextFrame(iav_framedesc_t* desc, int32_t stream = IAV_STREAM_ID_ANY) {
-    iav_querydesc_t query{};
-    query.qid = IAV_DESC_FRAME;
-    query.arg.frame.id = stream;
-    int err = Request(IAV_IOC_QUERY_DESC, &query);
-    EXPECT_TRUE(err == 0 || err == EAGAIN) << err;
-    *desc = query.arg.frame;
-    return err == 0;
-  }
-
-  std::vector<iav_framedesc_t> DrainFrames(int32_t stream = IAV_STREAM_ID_ANY) {
+  // The descriptors of every picture ready.
+  std::vector<iav_framedesc_t> DrainFrames() {
     std::vector<iav_framedesc_t> frames;
-    iav_framedesc_t desc;
-    while (NextFrame(&desc, stream)) frames.push_back(desc);
-    return frames;
+    for (;;) {
+      iav_querydesc_t query{};
+      query.qid = IAV_DESC_FRAME;
+      query.arg.frame.id = IAV_STREAM_ID_ANY;
+      int err = Request(IAV_IOC_QUERY_DESC, &query);
+      EXPECT_TRUE(err == 0 || err == EAGAIN) << err;
+      if (err != 0) return frames;
+      frames.push_back(query.arg.frame);
+    }
   }
 
   std::vector<uint8_t> PictureBytes(const iav_framedesc_t& desc) const {
@@ -151,18 +142,5 @@ class VirtualCameraTest : public vesk::test::CameraTest {
   const uint8_t* ring_ = nullptr;
   size_t ringLength_ = 0;
 };
-
-// NAL unit types of an Annex B picture, in order; -1 marks a NAL unit not
-// behind a 4-byte start code.
-inline std::vector<int> NalTypes(const std::vector<uint8_t>& bytes) {
-  std::vector<int> types;
-  for (size_t i = 0; i + 3 < bytes.size(); ++i) {
-    if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1) {
-      types.push_back(i > 0 && bytes[i - 1] == 0 ? (bytes[i + 3] & 0x1F) : -1);
-      i += 2;
-    }
-  }
-  return types;
-}
 
 #endif
