@@ -35,6 +35,9 @@ class BaseTransport {
   virtual bool SendMessage(const message_t* message) = 0;
   // How full the outgoing buffer is, 0..100.
   virtual uint8_t GetOutputBufferLevel() = 0;
+  // Whether messages handed over now reach the destination: a file or UDP
+  // socket once open, a TCP peer only while connected and started.
+  virtual bool IsConnected() { return true; }
 
   // The larger of the transport's own level and floor, capped at 100.
   uint8_t GetOutputBufferLevel(uint8_t floor);

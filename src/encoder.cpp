@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "basetransport.h"
 #include "motiondetectionthread.h"
 #include "osdrate.h"
 #include "outstream.h"
@@ -505,9 +506,11 @@ bool Encoder::GetStreamStatus(unsigned slot, stream_status_t& status) const {
   if (stream == nullptr) return false;
   const Variant& name = ((const Variant&)stream->GetStreamInfo())["streamName"];
   status.name = name.IsString() ? (std::string)name : std::string();
-  status.transports = 0;
-  for (const internal::BaseTransport* transport : stream->GetTransports()) {
-    if (transport != nullptr) status.transports++;
+  status.transports = status.connected = 0;
+  for (internal::BaseTransport* transport : stream->GetTransports()) {
+    if (transport == nullptr) continue;
+    status.transports++;
+    if (transport->IsConnected()) status.connected++;
   }
   status.outputBytesPerSecond = stream->GetOutputBitrate();
   status.lastVideo = stream->GetSyncMonitor().lastVideo;

@@ -242,6 +242,13 @@ uint8_t TransportTCP::LevelOfQueue(uint32_t queuedBytes) {
 
 uint8_t TransportTCP::GetOutputBufferLevel() { return LevelOfQueue(GetQueuedBytes()); }
 
+bool TransportTCP::IsConnected() {
+  pthread_mutex_lock(&mutex_);
+  bool connected = fd_ >= 0 && connectionCount_ == startedConnection_;
+  pthread_mutex_unlock(&mutex_);
+  return connected;
+}
+
 uint32_t TransportTCP::GetQueuedBytes() {
   pthread_mutex_lock(&mutex_);
   uint32_t queued = output_.GetAvailable();

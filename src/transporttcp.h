@@ -88,6 +88,9 @@ class TransportTCP : public BaseTransport, public Thread {
   bool Service() override;
   bool SendMessage(const message_t* message) override;
   uint8_t GetOutputBufferLevel() override;
+  // Connected, and the pump has started the connection (the container's
+  // start-up messages went out first).
+  bool IsConnected() override;
 
   void SetMustExit(bool mustExit) override;
   void Work() override;

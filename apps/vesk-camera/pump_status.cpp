@@ -74,11 +74,11 @@ void PumpStatus::Print(FILE* out, uint64_t elapsedMs) {
     else
       snprintf(rate, sizeof(rate), "%.0f kbit/s", scratch_.outputBytesPerSecond * 8.0 / 1000.0);
     fprintf(out, "[%6.1fs] stream %u %s: pictures %llu (+%llu), audio frames %llu (+%llu), out %s, "
-                 "destinations %u\n",
+                 "destinations %u (%u delivering)\n",
             elapsedMs / 1000.0, slot, scratch_.name.c_str(), (unsigned long long)state.pictures,
             (unsigned long long)(state.pictures - state.picturesAtLastPrint),
             (unsigned long long)state.audioFrames, (unsigned long long)(state.audioFrames - state.audioAtLastPrint),
-            rate, scratch_.transports);
+            rate, scratch_.transports, scratch_.connected);
     state.picturesAtLastPrint = state.pictures;
     state.audioAtLastPrint = state.audioFrames;
   }

@@ -91,6 +91,7 @@ class Encoder {
   struct stream_status_t {
     std::string name;                // the stream's name ("streamName" of its info)
     unsigned transports = 0;         // destinations still attached
+    unsigned connected = 0;          // of those, the ones delivering now (TCP peers connected)
     long long outputBytesPerSecond = -1;  // over the last messages sent; -1 not measured yet
     timestamp_t lastVideo;           // presentation time of the last picture fed
     timestamp_t lastAudio;           // presentation time of the last audio frame fed

@@ -130,8 +130,10 @@ TEST(TransportTcpQueue, NothingGoesOutBeforeThePumpStartsTheConnection) {
   message_t message = {parts, 3, 19}, empty = {parts, 0, 0};
   EXPECT_TRUE(transport->SendMessage(&message));
   EXPECT_EQ(0u, transport->GetAcceptedBytes());
+  EXPECT_FALSE(transport->IsConnected());
 
   EXPECT_TRUE(transport->Service());
+  EXPECT_TRUE(transport->IsConnected());
   EXPECT_TRUE(log.Has("Connected to " + listener.Uri()));
   EXPECT_TRUE(transport->SendMessage(&empty));
   EXPECT_TRUE(transport->SendMessage(nullptr));
@@ -232,6 +234,7 @@ TEST(TransportTcpStop, WhileConnectingConnectedAndWaitingToRetry) {
     ASSERT_GE(peer, 0);
     ASSERT_TRUE(ServiceUntilConnected(*transport, log, listener.Uri()));
     EXPECT_LT(ElapsedMs([&] { transport->StopThread(); }), 3000u);
+    EXPECT_FALSE(transport->IsConnected());
     EXPECT_TRUE(WaitForClose(peer, 3000));
     close(peer);
     // Disconnected, then the thread ended without giving up.

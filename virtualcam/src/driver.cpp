@@ -109,6 +109,8 @@ int VirtualCamera::HandleUcode(OpenFile& file, unsigned long request, unsigned l
 int VirtualCamera::UpdateUcode() {
   if (ucodeLoaded_) return 0;
   if (!FirmwareResident(ucode_.Data(), ucode_.Size())) return -EINVAL;
+  int unused = 0;
+  if (TakeFault(VCAM_OP_START_UCODE, &unused)) return 0;  // accepted, never runs
   ucodeLoaded_ = true;
   return 0;
 }

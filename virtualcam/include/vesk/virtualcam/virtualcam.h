@@ -113,6 +113,8 @@ void vcam_set_replay(int enabled);
 #define VCAM_OP_MMAP 0xFFFF0003ul          /* mmap of any served descriptor */
 #define VCAM_OP_OPEN_HWTIMER 0xFFFF0004ul  /* opening either hardware timer file */
 #define VCAM_OP_READ_HWTIMER 0xFFFF0005ul  /* the timer file opens but holds no number (errno unused) */
+#define VCAM_OP_START_UCODE 0xFFFF0006ul   /* UPDATE_UCODE succeeds but the microcode does not
+                                              start: its version stays zero (errno unused) */
 
 /* The next `count` calls of `request` (or VCAM_OP_*) fail with `err`;
  * VCAM_FAULT_ALWAYS: until cleared; 0 clears. */
