@@ -336,7 +336,8 @@ TEST_F(VideoTrackTest, MicrocodeIsLoadedFromTheFirmwarePath) {
 
   const failure_case_t cases[] = {IOCTL_FAILURE(IAV_IOC_GET_UCODE_INFO, false),
                                   {VCAM_OP_MMAP, "Unable to mmap /dev/ucode", false},
-                                  IOCTL_FAILURE(IAV_IOC_UPDATE_UCODE, false)};
+                                  IOCTL_FAILURE(IAV_IOC_UPDATE_UCODE, false),
+                                  {VCAM_OP_START_UCODE, "Loading microcode failed", false}};
   for (const failure_case_t& c : cases) {
     SCOPED_TRACE(c.line);
     vcam_set_ucode_loaded(0);
