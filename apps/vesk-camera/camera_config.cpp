@@ -88,7 +88,8 @@ bool MakeDirectories(const std::string& path, std::string& error) {
 }
 
 const char* const kKeys[] = {"chipId",  "sensorModes",    "scene",     "microcodeLoaded",
-                             "firmwareDirectory", "replay", "bitstreamBytes", "queueDepth"};
+                             "firmwareDirectory", "replay", "bitstreamBytes", "queueDepth",
+                             "clockRatePpm"};
 
 }  // namespace
 
@@ -183,6 +184,16 @@ bool ApplyCameraConfig(const Variant& config, std::string& error) {
       return false;
     }
   }
+  if (config.HasKey("clockRatePpm")) {
+    const Variant& rate = config["clockRatePpm"];
+    double ppm = rate.IsNumeric() ? (double)rate : 1e9;
+    if (ppm < -VCAM_CLOCK_RATE_LIMIT_PPM || ppm > VCAM_CLOCK_RATE_LIMIT_PPM || ppm != (double)(int32_t)ppm ||
+        vcam_set_clock_rate_ppm((int32_t)ppm) != 0) {
+      error = "\"clockRatePpm\" must be a whole number from -" + std::to_string(VCAM_CLOCK_RATE_LIMIT_PPM) +
+              " to " + std::to_string(VCAM_CLOCK_RATE_LIMIT_PPM);
+      return false;
+    }
+  }
   return true;
 }
 
@@ -207,6 +218,8 @@ const char* CameraConfigHelp() {
          "  \"replay\"             true: each stream encodes one IDR period, then replays it\n"
          "  \"bitstreamBytes\"     size of the bitstream ring (default 4194304)\n"
          "  \"queueDepth\"         pictures kept before the oldest is lost (default 64)\n"
+         "  \"clockRatePpm\"       the camera's clock runs this many parts per million fast\n"
+         "                       (or slow, negative) against the sound card's (default 0)\n"
          "Without --camera the defaults run on the real-time clock.\n";
 }
 

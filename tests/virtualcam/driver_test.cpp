@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <set>
 #include <string>
 #include <thread>
@@ -196,6 +197,26 @@ TEST_F(VirtualCameraTest, HardwareTimerFilesFollowTheClock) {
   long long after = ReadNumber(VDEV_PATH_HWTIMER, &converted);
   EXPECT_EQ(std::make_tuple(after - before, static_cast<uint64_t>(after)), std::make_tuple(1500LL * VCAM_TIMER_FREQUENCY / 1000, vcam_timer_ticks()));
   EXPECT_EQ(vdev_fopen(VDEV_PATH_HWTIMER, "w"), nullptr);
+}
+
+// A drifting crystal: the camera's time runs at the rate set against real time,
+// and goes on from where it was when the rate changes.
+TEST_F(VirtualCameraTest, ClockRateScalesTheCameraTimeAgainstRealTime) {
+  EXPECT_EQ(-1, vcam_set_clock_rate_ppm(VCAM_CLOCK_RATE_LIMIT_PPM + 1));
+  vcam_set_clock_mode(VCAM_CLOCK_REALTIME);
+  ASSERT_EQ(0, vcam_set_clock_rate_ppm(250000));
+  auto realNs = [] { return (double)std::chrono::steady_clock::now().time_since_epoch().count(); };
+  double r0a = realNs(), t0 = (double)vcam_timer_ticks(), r0b = realNs();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  double r1a = realNs(), t1 = (double)vcam_timer_ticks(), r1b = realNs();
+  const double ticksPerNs = 1.25 * VCAM_TIMER_FREQUENCY / 1e9;
+  EXPECT_GE(t1 - t0, (r1a - r0b) * ticksPerNs - 1);
+  EXPECT_LE(t1 - t0, (r1b - r0a) * ticksPerNs + 1);
+  // Back to real time: no jump either way.
+  ASSERT_EQ(0, vcam_set_clock_rate_ppm(0));
+  double t2 = (double)vcam_timer_ticks(), r2 = realNs();
+  EXPECT_GE(t2, t1);
+  EXPECT_LE(t2, t1 + (r2 - r1a) * ticksPerNs + 1);
 }
 
 TEST_F(VirtualCameraTest, RequestFaultsOnceNTimesAlways) {

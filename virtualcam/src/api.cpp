@@ -81,6 +81,7 @@ int vcam_set_queue_depth(uint32_t descriptors) {
 }
 
 void vcam_set_clock_mode(vcam_clock_mode_t mode) { VirtualCamera::Instance().SetClockMode(mode); }
+int vcam_set_clock_rate_ppm(int32_t ppm) { return VirtualCamera::Instance().SetClockRatePpm(ppm) ? 0 : -1; }
 void vcam_advance_us(uint64_t microseconds) { VirtualCamera::Instance().Advance(microseconds); }
 void vcam_advance_ms(uint32_t milliseconds) {
   VirtualCamera::Instance().Advance(static_cast<uint64_t>(milliseconds) * 1000);

@@ -239,10 +239,12 @@ void VirtualCamera::ResetLocked() {
   ucode_.Clear();
   replay_ = false;
   if (clockMode_ == VCAM_CLOCK_MANUAL) {
-    uint64_t now = manualNowNs_;
     clockMode_ = VCAM_CLOCK_REALTIME;
-    uint64_t real = MonotonicNs() - monotonicBaseNs_;
-    realOffsetNs_ = now > real ? now - real : 0;
+    AnchorLocked(manualNowNs_);
+  }
+  if (ratePpm_ != 0) {
+    AnchorLocked(NowNsLocked());
+    ratePpm_ = 0;
   }
   manualWaitLimitMs_ = 200;
   iavState_ = VCAM_IAV_STATE_IDLE;
@@ -360,8 +362,7 @@ void VirtualCamera::SetClockMode(vcam_clock_mode_t mode) {
     if (mode == VCAM_CLOCK_MANUAL) {
       manualNowNs_ = now;
     } else {
-      uint64_t real = MonotonicNs() - monotonicBaseNs_;
-      realOffsetNs_ = now > real ? now - real : 0;
+      AnchorLocked(now);
     }
     clockMode_ = mode;
   }
@@ -384,9 +385,37 @@ uint64_t VirtualCamera::TimerTicks() {
 }
 
 // mutex_ held.
+bool VirtualCamera::SetClockRatePpm(int32_t ppm) {
+  if (ppm < -VCAM_CLOCK_RATE_LIMIT_PPM || ppm > VCAM_CLOCK_RATE_LIMIT_PPM) return false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (clockMode_ == VCAM_CLOCK_REALTIME) AnchorLocked(NowNsLocked());
+    ratePpm_ = ppm;
+  }
+  changed_.notify_all();
+  return true;
+}
+
+// mutex_ held. The camera's time continues from cameraNs at the real time now.
+void VirtualCamera::AnchorLocked(uint64_t cameraNs) {
+  anchorRealNs_ = MonotonicNs() - monotonicBaseNs_;
+  anchorCamNs_ = cameraNs;
+}
+
+// mutex_ held.
 uint64_t VirtualCamera::NowNsLocked() const {
   if (clockMode_ == VCAM_CLOCK_MANUAL) return manualNowNs_;
-  return MonotonicNs() - monotonicBaseNs_ + realOffsetNs_;
+  uint64_t real = MonotonicNs() - monotonicBaseNs_ - anchorRealNs_;
+  return anchorCamNs_ + static_cast<uint64_t>(static_cast<unsigned __int128>(real) *
+                                              static_cast<uint64_t>(1000000 + ratePpm_) / 1000000u);
+}
+
+// mutex_ held. Real time until the camera's clock reaches cameraNs (0 when it has).
+uint64_t VirtualCamera::RealNsUntilLocked(uint64_t cameraNs) const {
+  uint64_t now = NowNsLocked();
+  if (cameraNs <= now) return 0;
+  return static_cast<uint64_t>(static_cast<unsigned __int128>(cameraNs - now) * 1000000u /
+                               static_cast<uint64_t>(1000000 + ratePpm_)) + 1;
 }
 
 uint64_t VirtualCamera::TicksAtNs(uint64_t ns) const {

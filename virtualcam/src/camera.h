@@ -130,6 +130,7 @@ class VirtualCamera {
   bool SetBitstreamSize(uint32_t bytes);
   bool SetQueueDepth(uint32_t depth);
   void SetClockMode(vcam_clock_mode_t mode);
+  bool SetClockRatePpm(int32_t ppm);
   void Advance(uint64_t microseconds);
   uint64_t TimerTicks();
   void SetManualWaitLimit(uint32_t milliseconds);
@@ -177,6 +178,8 @@ class VirtualCamera {
 
   // Clock (production.cpp); mutex_ held.
   uint64_t NowNsLocked() const;
+  uint64_t RealNsUntilLocked(uint64_t cameraNs) const;
+  void AnchorLocked(uint64_t cameraNs);
   uint64_t TicksAtNs(uint64_t ns) const;
   uint64_t VinFrameNs(uint64_t index) const;
   uint32_t VinRate() const;
@@ -215,7 +218,11 @@ class VirtualCamera {
   // Clock.
   vcam_clock_mode_t clockMode_ = VCAM_CLOCK_REALTIME;
   uint64_t monotonicBaseNs_ = 0;
-  uint64_t realOffsetNs_ = 0;  // added to the real elapsed time
+  // Real time: the camera's time is anchorCamNs_ plus the real time elapsed
+  // since anchorRealNs_, scaled by (1 + ratePpm_ / 10^6).
+  uint64_t anchorRealNs_ = 0;
+  uint64_t anchorCamNs_ = 0;
+  int32_t ratePpm_ = 0;
   uint64_t manualNowNs_ = 0;
   uint32_t manualWaitLimitMs_ = 200;
   uint64_t epoch_ = 0;          // bumped by reset: waiters give up

@@ -107,16 +107,16 @@ void VirtualCamera::RealTimeLoop() {
       changed_.wait_for(lock, std::chrono::milliseconds(100));
       continue;
     }
-    uint64_t next = VinFrameNs(vinNextIndex_);
-    uint64_t now = NowNsLocked();
-    if (next > now) {
-      changed_.wait_for(lock, std::chrono::nanoseconds(next - now));
+    uint64_t wait = RealNsUntilLocked(VinFrameNs(vinNextIndex_));
+    if (wait > 0) {
+      changed_.wait_for(lock, std::chrono::nanoseconds(wait));
       continue;
     }
     lock.unlock();
     {
       std::lock_guard<std::mutex> production(production_);
       bool realTime = false;
+      uint64_t now = 0;
       {
         std::lock_guard<std::mutex> inner(mutex_);
         realTime = clockMode_ == VCAM_CLOCK_REALTIME;

@@ -89,6 +89,14 @@ void vcam_set_clock_mode(vcam_clock_mode_t mode);
 void vcam_advance_us(uint64_t microseconds);
 void vcam_advance_ms(uint32_t milliseconds);
 
+/* Real-time clock: the camera's time (hardware timer, VIN frames, picture
+ * times) runs `ppm` parts per million faster (positive) or slower than real
+ * time, as a drifting crystal would, while the sound card keeps real time.
+ * The time goes on from where it is; vcam_reset sets 0 again. At most
+ * +-VCAM_CLOCK_RATE_LIMIT_PPM; 0, or -1 when out of range. */
+#define VCAM_CLOCK_RATE_LIMIT_PPM 500000
+int vcam_set_clock_rate_ppm(int32_t ppm);
+
 /* Hardware timer now (ticks at VCAM_TIMER_FREQUENCY). */
 uint64_t vcam_timer_ticks(void);
 
