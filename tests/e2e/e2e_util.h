@@ -10,8 +10,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -120,43 +118,48 @@ inline bool WaitForText(const std::string& path, const std::string& text, int ti
   return test::WaitUntil([&] { return ReadFile(path).find(text) != std::string::npos; }, timeoutMs, 20);
 }
 
-// ffprobe's fields per stream (in stream order) and of the format (tags as "TAG:name").
+// ffprobe's view of a file (its streams with their frames counted, its format
+// with the FLV metadata as tags), and what went wrong: ffmpeg not decoding the
+// whole file without a word, or ffprobe failing. Empty errors: all was well.
 struct probe_t {
-  std::vector<std::map<std::string, std::string>> streams;
-  std::map<std::string, std::string> format;
-  const std::map<std::string, std::string>* Stream(const std::string& codecType) const {
-    for (const auto& stream : streams)
-      if (stream.count("codec_type") != 0 && stream.at("codec_type") == codecType) return &stream;
-    return nullptr;
+  json streams = json::array();
+  json format = json::object();
+  std::string errors;
+  json Stream(const std::string& codecType) const {
+    for (const json& stream : streams)
+      if (stream.value("codec_type", "") == codecType) return stream;
+    return json::object();
   }
+  std::string Tag(const std::string& name) const { return format.value("tags", json::object()).value(name, ""); }
 };
 
-inline bool Probe(const std::string& path, probe_t& probe, const std::string& inputFormat = "") {
-  std::string output;
-  std::string format = inputFormat.empty() ? "" : "-f " + inputFormat + " ";
-  int code = Shell("ffprobe -v error -count_frames -show_streams -show_format " + format + "'" + path + "'", output);
-  probe = probe_t();
-  // [STREAM] key=value ... [/STREAM], [FORMAT] ... [/FORMAT]
-  std::istringstream lines(output);
-  std::map<std::string, std::string>* current = nullptr;
-  for (std::string line; std::getline(lines, line);) {
-    size_t eq = line.find('=');
-    if (line == "[STREAM]") {
-      probe.streams.emplace_back();
-      current = &probe.streams.back();
-    } else if (line == "[FORMAT]") {
-      current = &probe.format;
-    } else if (current != nullptr && eq != std::string::npos) {
-      (*current)[line.substr(0, eq)] = line.substr(eq + 1);
-    }
+// Named fields of one of ffprobe's streams as text, space-separated ("h264 640 360").
+inline std::string Fields(const json& stream, std::initializer_list<const char*> names) {
+  std::string text;
+  for (const char* name : names) {
+    json value = stream.value(name, json("-"));
+    text += (text.empty() ? "" : " ") + (value.is_string() ? value.get<std::string>() : value.dump());
   }
-  return code == 0 && !probe.streams.empty();
+  return text;
 }
 
-// ffmpeg decodes the whole file, exits 0 and prints nothing.
-inline bool DecodesCleanly(const std::string& path, std::string& errors, const std::string& inputFormat = "") {
+inline probe_t Probe(const std::string& path, const std::string& inputFormat = "") {
   std::string format = inputFormat.empty() ? "" : "-f " + inputFormat + " ";
-  return Shell("ffmpeg -nostdin -v error " + format + "-i '" + path + "' -f null -", errors) == 0 && errors.empty();
+  probe_t probe;
+  std::string output;
+  if (Shell("ffmpeg -nostdin -v error " + format + "-i '" + path + "' -f null -", output) != 0 || !output.empty())
+    probe.errors = "ffmpeg: " + output;
+  int code = -1;
+  json all = json::parse(test::RunCommand("ffprobe -v error -count_frames -show_streams -show_format -of json " +
+                                              format + "'" + path + "' 2>/dev/null", &code),
+                         nullptr, false);
+  if (code == 0 && all.is_object() && !all["streams"].empty()) {
+    probe.streams = all["streams"];
+    probe.format = all["format"];
+  } else {
+    probe.errors += "ffprobe cannot read " + path;
+  }
+  return probe;
 }
 
 inline json AudioBlock(unsigned sampleRate, unsigned channels, unsigned bitRate) {

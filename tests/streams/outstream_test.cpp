@@ -57,7 +57,6 @@ TEST(OutStreamConfigure, TypesDestinationsAndRefusals) {
   ASSERT_EQ(stream.GetTransports().size(), 4u);
   UdpPeer* order[] = {&a, &b, &c, &d};
   for (int i = 0; i < 4; i++) EXPECT_EQ(PortOf(stream.GetTransports()[i]), order[i]->port()) << i;
-  EXPECT_EQ(stream.GetSyncMonitor().streamOrdinal, 3u);
 
   // An array is taken in index order; a repeated Configure replaces all.
   config["destinations"] = Variant();
@@ -216,7 +215,6 @@ TEST(OutStreamRate, SamplerLevelsAndDrift) {
   std::vector<uint8_t> adts = {0xFF, 0xF1, 0x50, 0x80, 0x01, 0x3F, 0xFC, 0x21, 0x10};
   audio_frame_t audio = MakeAudioFrame(adts, 1000, 1000);
   ASSERT_TRUE(stream.FeedAudioFrame(&audio));
-  EXPECT_EQ(stream.GetOutputBitrate(), -1);  // one sample
   std::vector<uint8_t> picture = {0, 0, 0, 1, 0x41, 0x9A};
   TestRing ring(64);
   video_frame_t frame;

@@ -8,6 +8,7 @@
 #include "stream_test_util.h"
 #include "vesk/encoder.h"
 #include "vesk/variant/uri.h"
+#include "vesk_reassembler.h"
 
 namespace vesk::test {
 namespace {
@@ -21,46 +22,6 @@ using vesk::encoder::internal::OutStream;
 using vesk::variant::URI;
 using vesk::variant::Variant;
 typedef std::vector<uint8_t> Bytes;
-
-// Rebuilds frames from vesk packets, checking sequences, flags, padding and total length.
-struct VeskReceiver {
-  struct frame_t {
-    Bytes bytes;
-    uint64_t pts;
-    bool key;
-  };
-  struct channel_t {
-    uint16_t lastSequence = 0;
-    uint32_t expected = 0;
-    frame_t current;
-    std::vector<frame_t> frames;
-  };
-  std::map<uint16_t, channel_t> channels;
-
-  std::string Take(const Bytes& datagram) {
-    vesk_packet_t p;
-    if (ParseVeskPacket(datagram.data(), datagram.size(), p) != (long)datagram.size()) return "layout";
-    if (p.channel == 5) return "";  // milestone
-    channel_t& ch = channels[p.channel];
-    if (p.sequence != (uint16_t)(ch.lastSequence + 1)) return "sequence gap";
-    ch.lastSequence = p.sequence;
-    if (p.flags & 0x8000) {
-      if (!ch.current.bytes.empty()) return "first packet inside a frame";
-      if (!(p.flags & 0x0800)) return "no timestamp";
-      ch.current = {{}, p.pts, (p.flags & 0x2000) != 0};
-      ch.expected = p.total;
-    } else if ((p.flags & 0xFF) != 0) {
-      return "timescale code on a later packet";
-    }
-    ch.current.bytes.insert(ch.current.bytes.end(), p.chunk, p.chunk + p.chunkLength);
-    if (p.flags & 0x4000) {
-      if (ch.expected != 0 && ch.expected != ch.current.bytes.size()) return "total length";
-      ch.frames.push_back(ch.current);
-      ch.current = frame_t();
-    }
-    return "";
-  }
-};
 
 TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
   TempDir dir;
@@ -78,7 +39,20 @@ TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
   StreamInfo info = MakeStreamInfo(true, true);
   ASSERT_TRUE(stream.Configure(config, info));
 
-  VeskReceiver receiver;
+  // vesk-camera's receiver puts the frames back together, counting lost
+  // packets, frames of the wrong length and packets it cannot parse.
+  struct received_t {
+    Bytes bytes;
+    uint64_t pts;
+    bool key;
+  };
+  std::map<uint16_t, std::vector<received_t>> received;
+  vesk::camera::VeskReassembler receiver([&](const vesk::camera::vesk_frame_t& frame) {
+    received[frame.channel].push_back({*frame.bytes, frame.timestamp, frame.key});
+  });
+  auto take = [&](size_t count) {
+    for (auto& d : peer.Receive(count)) receiver.Feed(d.data(), d.size());
+  };
   size_t largest = 0;
   for (auto& picture : pictures) largest = std::max(largest, picture.bytes.size());
   TestRing ring((uint32_t)largest + 5000);  // pictures wrap
@@ -86,22 +60,26 @@ TEST(VeskUdp, RealFramesAreReassembledByTheReceiver) {
     video_frame_t frame;
     ring.Place(pictures[i], (int64_t)i * 3600, frame);
     ASSERT_TRUE(stream.FeedVideoFrame(&frame));
-    for (auto& d : peer.Receive((pictures[i].bytes.size() + 1399) / 1400)) ASSERT_EQ(receiver.Take(d), "");
+    take((pictures[i].bytes.size() + 1399) / 1400);
     if (i < aac.size()) {
       audio_frame_t audio = MakeAudioFrame(aac[i], (int64_t)i * 1024, 48000);
       ASSERT_TRUE(stream.FeedAudioFrame(&audio));
-      for (auto& d : peer.Receive(1)) ASSERT_EQ(receiver.Take(d), "");
+      take(1);
     }
   }
   EXPECT_GE(ring.wrapped(), 1u);
 
-  auto& video = receiver.channels[2001].frames;
+  EXPECT_EQ(receiver.Malformed(), 0u);
+  for (auto& channel : receiver.Channels()) {
+    EXPECT_EQ(channel.second.lostPackets + channel.second.incompleteFrames, 0u) << channel.first;
+  }
+  auto& video = received[2001];
   ASSERT_EQ(video.size(), pictures.size());
   for (size_t i = 0; i < pictures.size(); i++) {
     EXPECT_TRUE(video[i].bytes == pictures[i].bytes && video[i].pts == i * 3600 &&
                 video[i].key == pictures[i].key) << i;
   }
-  auto& audio = receiver.channels[2000].frames;
+  auto& audio = received[2000];
   ASSERT_EQ(audio.size(), std::min(aac.size(), pictures.size()));
   for (size_t i = 0; i < audio.size(); i++) EXPECT_TRUE(audio[i].bytes == aac[i] && audio[i].key) << i;
 }
