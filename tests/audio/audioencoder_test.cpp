@@ -1,3 +1,5 @@
+// The audio track on the virtual sound card through real alsa-lib: the
+// capturing and encoding thread (AudioEncoder) and the track around it.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,11 +10,15 @@
 #include "audio_util.h"
 #include "audioencoder.h"
 #include "log_capture.h"
+#include "trackencoderaudio.h"
 #include "vesk/encoder.h"
 
 using vesk::encoder::AudioEncoderSettings;
+using vesk::encoder::EncoderSettings;
 using vesk::encoder::audio_frame_t;
 using vesk::encoder::internal::AudioEncoder;
+using vesk::encoder::internal::TrackEncoderAudio;
+using vesk::ipc::messages::ChangeVideoSettings;
 using namespace vesk::test;
 
 namespace {
@@ -61,10 +67,26 @@ std::vector<collected_frame_t> Collect(AudioEncoder* encoder, size_t count) {
   return frames;
 }
 
+// Waits until the life-cycle file contains text (or a few seconds passed); returns the file.
+std::string WaitForLifeCycle(const char* text) {
+  std::string file;
+  for (int i = 0; i < 1000 && (file = ReadFile(AudioEncoder::kLifeCycleFile)).find(text) == std::string::npos; i++) {
+    usleep(2000);
+  }
+  return file;
+}
+
 int64_t ClockInSamples(uint32_t rate) {
   vesk::encoder::timestamp_t clock;
   EXPECT_TRUE(vesk::encoder::Encoder::GetCurrentHWClock(&clock));
   return vesk::encoder::RescaleTimestamp(clock.value, clock.timescale, rate);
+}
+
+ChangeVideoSettings VolumeRequest(int volume) {
+  ChangeVideoSettings request;
+  if (volume >= 0) request["audio"]["volume"] = volume;
+  request.NormalizeFields();
+  return request;
 }
 
 }  // namespace
@@ -76,6 +98,7 @@ TEST(AudioEncoder, StartRefusesTripletsOutsideTheTableAndADeviceThatGrantsAnothe
     unsigned mode, rate, bitRate;
     bool ok;
   } cases[] = {
+      // The second row holds the settings' defaults: refused on purpose.
       {1, 44100, 64000, true},  {1, 44100, 64001, false}, {2, 44100, 64000, false},
       {0, 11025, 7999, false},  {1, 11025, 7999, false},  {1, 16000, 32000, false},
       {0, 8000, 12000, true},   {0, 8000, 12001, false},  {1, 32000, 14000, true},
@@ -97,14 +120,9 @@ TEST(AudioEncoder, StartRefusesTripletsOutsideTheTableAndADeviceThatGrantsAnothe
     EXPECT_EQ(!c.ok, log.Has("AudioEncoder::Initialize() failed. Error was: -1"));
     AudioEncoder::FreeInstance(e);
   }
-  // The settings' defaults (mode 1, 11025 Hz, 7999 bit/s) are refused on purpose.
-  AudioEncoderSettings defaults;
-  defaults.NormalizeFields();
-  int error = 0;
-  EXPECT_EQ(nullptr, AudioEncoder::GetInstance(defaults, error));
-
   UseVirtualSoundCard("free=1,rates=44100");
   log.Clear();
+  int error = 0;
   AudioEncoderSettings s = Settings(0, 48000, 1, 64000);
   EXPECT_EQ(nullptr, AudioEncoder::GetInstance(s, error));
   EXPECT_NE(0, error);
@@ -279,22 +297,65 @@ TEST(AudioEncoder, ReadFailureRestartsTheCaptureAndAFailedRestartEndsTheThread) 
   AudioEncoderSettings s = Settings(0, 16000, 1, 32000);
   AudioEncoder* e = Start(s);
   ASSERT_NE(nullptr, e);
-  std::string text;
-  for (int i = 0; i < 500 && text.find("PCM restarted") == std::string::npos; i++) {
-    usleep(2000);
-    text = ReadFile(AudioEncoder::kLifeCycleFile);
-  }
+  std::string text = WaitForLifeCycle("PCM restarted");
   EXPECT_NE(std::string::npos, text.find("PCM reading failed. Error was: -32")) << text;
   EXPECT_NE(std::string::npos, text.find("PCM restarted")) << text;
 
   // Now the device cannot be opened again: the next restart fails for good.
   fclose(fopen(blocker, "w"));
-  for (int i = 0; i < 1000 && text.find("(MARKER)") == std::string::npos; i++) {
-    usleep(2000);
-    text = ReadFile(AudioEncoder::kLifeCycleFile);
-  }
+  text = WaitForLifeCycle("(MARKER)");
   EXPECT_NE(std::string::npos, text.find("PCM restart failed permanently. Error was: -1")) << text;
   EXPECT_NE(std::string::npos, text.find("Audio encoding thread will now exit (MARKER)"));
   AudioEncoder::FreeInstance(e);
   unlink(blocker);
+}
+
+TEST(TrackEncoderAudio, WithoutEncoderEveryCallSaysSo) {
+  LogCapture log;
+  EncoderSettings settings;
+  settings.NormalizeFields();
+  TrackEncoderAudio track(settings);
+  EXPECT_EQ(nullptr, track.GetFrame());
+  EXPECT_TRUE(track.Muted());
+  EXPECT_FALSE(track.StartEncoding());
+  ChangeVideoSettings request = VolumeRequest(30);
+  EXPECT_FALSE(track.UpdateSettings(request));
+  track.ForceTimestampsRebase();
+  EXPECT_EQ(4u, log.Count("No AAC encoder"));
+  EXPECT_TRUE(track.StopEncoding()) << "stopping with nothing running succeeds";
+
+  // Default audio settings are not a valid triplet: no encoder, one line.
+  log.Clear();
+  EXPECT_FALSE(track.Initialize());
+  EXPECT_TRUE(log.Has("Unable to obtain the audio encoder. Error was: -1"));
+}
+
+TEST(TrackEncoderAudio, VolumeIsSetOnlyWhenRequestedAndDifferent) {
+  UseVirtualSoundCard("free=1");
+  LogCapture log;
+  EncoderSettings settings;
+  for (auto kv : {std::make_pair("mode", 0), {"sampleRate", 16000}, {"bitRate", 32000}, {"volume", 50}}) {
+    settings["audio"][kv.first] = kv.second;
+  }
+  settings["audio"]["enabled"] = true;
+  settings.NormalizeFields();
+  TrackEncoderAudio track(settings);
+  ASSERT_TRUE(track.Initialize());
+  ASSERT_TRUE(track.StartEncoding());
+  EXPECT_FALSE(track.Muted());
+
+  // No audio block, or the volume already in force: nothing changes.
+  for (int volume : {-1, 50}) {
+    ChangeVideoSettings same = VolumeRequest(volume);
+    EXPECT_TRUE(track.UpdateSettings(same));
+  }
+  EXPECT_FALSE(log.Contains("PCM volume set to"));
+  // A new volume is applied (muting at 0 is followed through the Encoder by the runtime tests).
+  ChangeVideoSettings louder = VolumeRequest(70);
+  EXPECT_TRUE(track.UpdateSettings(louder));
+  EXPECT_TRUE(log.Has("PCM volume set to 70%"));
+  EXPECT_EQ(70u, (unsigned)settings.audio().volume());
+  EXPECT_FALSE(track.Muted());
+  EXPECT_TRUE(track.StopEncoding());
+  EXPECT_TRUE(track.Muted());
 }

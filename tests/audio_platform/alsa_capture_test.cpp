@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "audio_util.h"
@@ -114,12 +116,13 @@ TEST(VirtualCapture, PacedCaptureNeverRunsAheadAndReportsOverrun) {
 }
 
 TEST(VirtualCapture, GrantsOnlyTheConfiguredRates) {
+  // The nearest configured rate is granted.
   UseVirtualSoundCard("free=1,rates=44100:22050");
-  Capture cap, low;
-  ASSERT_EQ(cap.Open(48000, 1), 0);
-  EXPECT_EQ(cap.grantedRate, 44100u);
-  ASSERT_EQ(low.Open(16000, 1), 0);
-  EXPECT_EQ(low.grantedRate, 22050u);
+  for (auto [asked, granted] : {std::pair<unsigned, unsigned>{48000, 44100}, {16000, 22050}}) {
+    Capture cap;
+    ASSERT_EQ(cap.Open(asked, 1), 0);
+    EXPECT_EQ(cap.grantedRate, granted);
+  }
 
   snd_pcm_t* pcm = nullptr;
   ASSERT_EQ(snd_pcm_open(&pcm, "vesk_capture", SND_PCM_STREAM_CAPTURE, 0), 0);
@@ -174,6 +177,70 @@ TEST(VirtualCapture, RefusesToOpenWithBadParameters) {
   snd_pcm_t* pcm = nullptr;
   EXPECT_LT(snd_pcm_open(&pcm, "vesk_capture", SND_PCM_STREAM_PLAYBACK, 0), 0);
   snd_lib_error_set_handler(nullptr);
+}
+
+// The mixer element of the virtual sound card, through the control interface.
+struct Mixer {
+  snd_ctl_t* ctl = nullptr;
+
+  ~Mixer() {
+    if (ctl != nullptr) snd_ctl_close(ctl);
+  }
+  // Reads the two channels of element name into values, or writes them.
+  int Access(bool write, std::pair<long, long>& values, const char* name = "VESK_CVOLUME") {
+    if (ctl == nullptr && snd_ctl_open(&ctl, "default", 0) < 0) return -1;
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    snd_ctl_elem_value_set_interface(value, SND_CTL_ELEM_IFACE_MIXER);
+    snd_ctl_elem_value_set_name(value, name);
+    snd_ctl_elem_value_set_integer(value, 0, values.first);
+    snd_ctl_elem_value_set_integer(value, 1, values.second);
+    int err = write ? snd_ctl_elem_write(ctl, value) : snd_ctl_elem_read(ctl, value);
+    values = {snd_ctl_elem_value_get_integer(value, 0), snd_ctl_elem_value_get_integer(value, 1)};
+    return err;
+  }
+  int Write(long left, long right) {
+    std::pair<long, long> values{left, right};
+    return Access(true, values);
+  }
+  std::pair<long, long> Read() {
+    std::pair<long, long> values;
+    EXPECT_EQ(Access(false, values), 0);
+    return values;
+  }
+};
+
+TEST(VirtualMixer, ExposesAPersistentTwoChannelVolume) {
+  UseVirtualSoundCard("");
+  const std::string state = "/tmp/vesk_vsnd_" + std::to_string(getpid()) + "_cvolume.state";
+  unlink(state.c_str());
+  setenv("VESK_VSND_CTL", ("min=10,max=73,initial=40,state=" + state).c_str(), 1);
+  {
+    Mixer m;
+    EXPECT_EQ(m.Read(), std::make_pair(40L, 40L));
+    EXPECT_EQ(m.Write(25, 73), 0);
+    EXPECT_EQ(vesk::test::ReadFile(state), "25 73\n");
+    // Like a driver, values outside the range are refused and change nothing.
+    EXPECT_LT(m.Write(9, 20), 0);
+    EXPECT_LT(m.Write(20, 74), 0);
+    EXPECT_EQ(vesk::test::ReadFile(state), "25 73\n");
+  }
+  {
+    // A new handle (the product opens one per volume change) sees the values.
+    Mixer m;
+    EXPECT_EQ(m.Read(), std::make_pair(25L, 73L));
+    EXPECT_EQ(m.Write(10, 11), 0);
+    std::pair<long, long> values;
+    EXPECT_LT(m.Access(false, values, "Capture Volume"), 0) << "no such element";
+  }
+  // amixer reads the same element through the same configuration: an integer
+  // pair, writable, with the configured range.
+  std::string out = vesk::test::RunCommand("amixer -D default cget name=VESK_CVOLUME 2>&1");
+  EXPECT_NE(out.find(": values=10,11"), std::string::npos) << out;
+  EXPECT_NE(out.find("type=INTEGER,access=rw"), std::string::npos) << out;
+  EXPECT_NE(out.find("min=10,max=73"), std::string::npos) << out;
+  unlink(state.c_str());
+  unsetenv("VESK_VSND_CTL");
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
-#include <sys/uio.h>
-
-#include <cstring>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "vesk/records.h"
+#include "vesk/streaminfo.h"
 
 using namespace vesk::encoder;
+using vesk::variant::Variant;
 
 TEST(Timestamp, RescaleRoundsHalfUpAndComparesInTheFirstTimescale) {
   EXPECT_EQ(17, RescaleTimestamp(1500, 90000, 1000)) << "(1500*1000 + 45000) / 90000";
@@ -23,50 +20,29 @@ TEST(Timestamp, RescaleRoundsHalfUpAndComparesInTheFirstTimescale) {
   EXPECT_EQ(90000 - 92880, video.Compare(later)) << "other converted to 90 kHz first";
 }
 
-TEST(VideoFrame, WrapRuleGivesOneOrTwoRunsAndByteAccessAgrees) {
-  std::vector<uint8_t> ring(100);
-  for (size_t i = 0; i < ring.size(); i++) ring[i] = (uint8_t)i;
-  struct {
-    uint32_t offset, length, runs, firstStart, firstLength;
-  } cases[] = {
-      {90, 25, 2, 90, 10},  // crossing the end: 10 then 15 bytes
-      {75, 25, 1, 75, 25},  // ending exactly at the ring end
-      {100, 5, 1, 0, 5},    // an offset at or past the ring size starts at offset - ringSize
-      {130, 5, 1, 30, 5},
-  };
-  for (auto& c : cases) {
-    SCOPED_TRACE(c.offset);
-    video_frame_t f = {};
-    f.ringBase = ring.data();
-    f.ringSize = (uint32_t)ring.size();
-    f.offset = c.offset;
-    f.length = c.length;
-    f.isContiguous = c.offset + c.length <= ring.size() ? 1 : 0;
-    payload_runs_t runs;
-    ASSERT_EQ(c.runs, GetPayloadRuns(f, runs));
-    EXPECT_EQ(ring.data() + c.firstStart, runs.data[0]);
-    EXPECT_EQ(c.firstLength, runs.length[0]);
-    if (c.runs == 2) {
-      EXPECT_EQ(ring.data(), runs.data[1]);
-      EXPECT_EQ(c.length - c.firstLength, runs.length[1]);
-    }
-    for (uint32_t i = 0; i < c.length; i++) EXPECT_EQ((c.offset + i) % 100, PayloadByte(f, i));
-  }
-}
+TEST(StreamInfo, NormalisationFillsDefaultsReplacesWrongTypesAndKeepsTheRest) {
+  Variant expected;
+  std::string error;
+  ASSERT_TRUE(Variant::FromJson(R"({"uri": "", "streamName": "", "channelId": 0, "streamId": 0,
+      "hasVideo": false, "videoWidth": 0, "videoHeight": 0, "videoFps": 0, "videoBandwidth": 0,
+      "hasAudio": false, "audioChannels": 0, "audioFrequency": 0, "audioBandwidth": 0})", expected, error));
+  StreamInfo empty;
+  ASSERT_TRUE(empty.NormalizeFields());
+  EXPECT_TRUE(empty == expected) << empty.ToJson();
+  StreamInfo scalar(Variant(42));  // not a map at all
+  scalar.NormalizeFields();
+  EXPECT_TRUE(scalar == expected) << scalar.ToJson();
+  EXPECT_EQ(0u, empty.audioFrequency());  // the strict readers accept the stored kinds
 
-TEST(Message, PartsAreIovecsAndEmptinessFollowsTheFields) {
-  message_part_t parts[3];
-  message_t m{parts, 0, 0};
-  EXPECT_TRUE(m.IsEmpty());
-  m.Append("abc", 3);
-  m.Append("defg", 4);
-  EXPECT_FALSE(m.IsEmpty());
-  EXPECT_EQ(2u, m.partCount);
-  EXPECT_EQ(7u, m.totalLength);
-  const struct iovec* iov = m.AsIovec();
-  EXPECT_EQ(0, memcmp(iov[1].iov_base, "defg", iov[1].iov_len));
-  m.Reset();
-  EXPECT_TRUE(m.IsEmpty());
-  message_t nullParts{nullptr, 1, 5};
-  EXPECT_TRUE(nullParts.IsEmpty());
+  // "uri" and "hasVideo" of the wrong type; any numeric kind is accepted for a number.
+  Variant v;
+  ASSERT_TRUE(Variant::FromJson(R"({"uri": 5, "streamName": "cam_1", "videoWidth": 1920, "hasVideo": "yes",
+      "extra": "left alone"})", v, error));
+  StreamInfo info(v);
+  info.NormalizeFields();
+  EXPECT_EQ("", info.uri());
+  EXPECT_EQ("cam_1", info.streamName());
+  EXPECT_EQ(1920u, info.videoWidth());
+  EXPECT_FALSE(info.hasVideo());
+  EXPECT_EQ("left alone", (std::string)info["extra"]);
 }
