@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 #include "motiondetectionthread.h"
 #include "outstream.h"
 #include "stream_test_util.h"
+#include "vesk/device/device.h"
 #include "vesk/encoder.h"
 #include "vesk/variant/camerainfo.h"
 
@@ -102,18 +104,65 @@ TEST_F(EncoderTest, LifecycleRulesWithoutTracksAndWithoutDefaults) {
   EXPECT_TRUE(log.Has("Stream ordinal out of range: 5. Max is 5"));
 }
 
-TEST_F(EncoderTest, AudioRunningAheadOfVideoTriggersARebaseOfBothTracks) {
-  LogCapture log;
-  // A free-running sound card races ahead of the camera's manual clock.
-  vesk::test::UseVirtualSoundCard("free=1");
-  Encoder encoder;
-  ASSERT_TRUE(encoder.Configure(Settings("/tmp/vesk_encoder_rebase.flv", true), false));
-  for (int i = 0; i < 100 && !log.Has("Timestamp rebase needed"); i++) {
-    Pump(encoder, 66);
-    usleep(10000);
+// Drift either way makes both tracks rebase: a free-running sound card racing
+// ahead of the camera's manual clock, and a camera clock running 25 % fast
+// against a sound card paced in real time (as a drifting crystal would).
+TEST_F(EncoderTest, DriftEitherWayTriggersARebaseOfBothTracks) {
+  for (bool cameraFast : {false, true}) {
+    SCOPED_TRACE(cameraFast ? "camera clock fast" : "sound card fast");
+    CameraTest::SetUp();
+    LogCapture log;
+    vesk::test::UseVirtualSoundCard(cameraFast ? "free=0" : "free=1");
+    if (cameraFast) {
+      vcam_set_clock_mode(VCAM_CLOCK_REALTIME);
+      ASSERT_EQ(0, vcam_set_clock_rate_ppm(250000));
+    }
+    Encoder encoder;
+    ASSERT_TRUE(encoder.Configure(Settings("/tmp/vesk_encoder_rebase.flv", true), false));
+    for (int i = 0; i < 800 && !log.Has("Timestamp rebase needed"); i++) {
+      if (!cameraFast) Pump(encoder, 66);
+      while (encoder.EncodeFrames() > 0) {
+      }
+      usleep(10000);
+    }
+    ASSERT_TRUE(log.Has("Timestamp rebase needed"));
+    // "streamOrdinal: 0: <video>/<scale>(<ms> ms) - <audio>/<scale>(<ms> ms) = ..."
+    long long video = 0, audio = 0, videoMs = -1, audioMs = -1;
+    unsigned videoScale = 0, audioScale = 0;
+    for (const std::string& line : log.Messages()) {
+      sscanf(line.c_str(), "streamOrdinal: 0: %lld/%u(%lld ms) - %lld/%u(%lld ms)", &video, &videoScale, &videoMs,
+             &audio, &audioScale, &audioMs);
+    }
+    ASSERT_TRUE(videoMs >= 0 && audioMs >= 0);
+    EXPECT_GT(cameraFast ? videoMs - audioMs : audioMs - videoMs, 512);
   }
-  EXPECT_TRUE(log.Has("Timestamp rebase needed"));
-  EXPECT_TRUE(log.Contains("streamOrdinal: 0: "));
+}
+
+// The hardware clock: the timer's ticks at its frequency, or not set after the
+// line of the first file that failed.
+TEST_F(EncoderTest, HardwareClockFromTheTimerFiles) {
+  LogCapture log;
+  vesk::encoder::timestamp_t clock;
+  ASSERT_TRUE(Encoder::GetCurrentHWClock(&clock));
+  EXPECT_EQ(std::make_pair(clock.value, clock.timescale),
+            std::make_pair((int64_t)vcam_timer_ticks(), (uint32_t)VCAM_TIMER_FREQUENCY));
+  // Either file failing to open or holding no number; the frequency is read first.
+  const std::string frequency = VDEV_PATH_HWTIMER_OUTFREQ, ticks = VDEV_PATH_HWTIMER;
+  for (unsigned long op : {VCAM_OP_OPEN_HWTIMER, VCAM_OP_READ_HWTIMER}) {
+    const std::string text =
+        op == VCAM_OP_OPEN_HWTIMER ? "Unable to open file " : "Unable to properly read the formatted value in ";
+    vcam_fault_request(op, ENOENT, 1);
+    clock.value = 5;
+    EXPECT_FALSE(Encoder::GetCurrentHWClock(&clock));
+    EXPECT_EQ(std::make_pair(clock.value, clock.timescale), std::make_pair((int64_t)-1, 0u));
+    EXPECT_TRUE(log.Has(text + frequency));
+    long long value = 0;
+    vcam_fault_request(op, ENOENT, 1);
+    EXPECT_FALSE(Encoder::ReadHWClockFile(ticks.c_str(), value));
+    EXPECT_TRUE(log.Has(text + ticks));
+  }
+  EXPECT_FALSE(Encoder::GetCurrentHWClock(nullptr));
+  EXPECT_TRUE(log.Has("Invalid arguments"));
 }
 
 TEST_F(EncoderTest, StreamNamesComeFromParametersOrTheHardwareAddress) {
