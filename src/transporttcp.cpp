@@ -443,7 +443,10 @@ bool TransportTCP::Transfer(int fd) {
   plainIn_.IgnoreAll();
   uint32_t taken = 0;
 
-  if (encrypted && tls.doHandshake(noBytes_, wire) != 0) return false;  // the client hello
+  if (encrypted && tls.doHandshake(noBytes_, wire) != 0) {  // the client hello
+    VTLOG_ERROR("SSL encrypt failed: %d", -1);
+    return false;
+  }
 
   for (;;) {
     // a. Take the whole output buffer once everything taken before is out.
@@ -497,7 +500,10 @@ bool TransportTCP::Transfer(int fd) {
       if (encrypted && netIn_.GetAvailable() > 0) {
         plain = &plainIn_;
         if (!tls.handshakeDone) {
-          if (tls.doHandshake(netIn_, wire) != 0) break;
+          if (tls.doHandshake(netIn_, wire) != 0) {
+            VTLOG_ERROR("SSL decrypt failed: %d", -1);
+            break;
+          }
           // Records that followed the server's Finished are already inside.
           if (tls.handshakeDone && tls.doDecrypt(noBytes_, plainIn_) != 0) {
             VTLOG_ERROR("SSL decrypt failed: %d", -1);
@@ -512,9 +518,9 @@ bool TransportTCP::Transfer(int fd) {
         pthread_mutex_lock(&mutex_);
         if (received_.GetAvailable() == 0) {
           received_.Swap(*plain);
-        } else {
+        } else if (received_.GetAvailable() < kMaxUnreadPeerBytes) {
           received_.ReadFromBuffer(plain->GetPointer(), plain->GetAvailable());
-        }
+        }  // else a peer flooding a pump that does not keep up: dropped
         PostEvent(TCP_EVENT_DATA);
         pthread_mutex_unlock(&mutex_);
         plain->IgnoreAll();
@@ -589,6 +595,13 @@ bool TransportTCP::Service() {
           outStream_->SignalTransportReceivedData(serviceInput_);
         } else {
           serviceInput_.IgnoreAll();  // nobody to read it
+        }
+        // Peer messages are a few bytes long: this much left unread (behind a
+        // message the stream never consumes) is dropped, so a peer cannot grow it.
+        if (serviceInput_.GetAvailable() >= kMaxUnreadPeerBytes) {
+          VLOG_WARN("%u bytes from %s were never read by the stream: dropped",
+                    serviceInput_.GetAvailable(), fullUri_.c_str());
+          serviceInput_.IgnoreAll();
         }
         break;
       case TCP_EVENT_DISCONNECTED:

@@ -75,6 +75,8 @@ class TransportTCP : public BaseTransport, public Thread {
   // The output bound: past it, messages are dropped with a warning.
   static constexpr uint32_t kMaxQueuedBytes = 4194304;
   static constexpr uint32_t kReadChunk = 65536;
+  // Bytes from the peer kept unread at most (on each side of the hand-over).
+  static constexpr uint32_t kMaxUnreadPeerBytes = 65536;
 
   explicit TransportTCP(OutStream* outStream);
   // Stops the thread before releasing anything.

@@ -382,6 +382,15 @@ TEST(TransportTcpStream, PeerMessagesReachTheEncoderOnThePumpThread) {
     EXPECT_EQ(std::vector<std::thread::id>{std::this_thread::get_id()}, g_forceIdr);
   }
 
+  // A type-2 message is never read and holds up what follows it, until 64 KiB
+  // are waiting: they are dropped and the next request is read again.
+  drainOther();
+  ASSERT_TRUE(SendAll(peer, Bytes(TransportTCP::kMaxUnreadPeerBytes, 0x02)));
+  const std::string dropped = "65536 bytes from " + reporting.Uri() + " were never read by the stream: dropped";
+  ASSERT_TRUE(pump.RunUntil([&] { return log.Has(dropped); }, 5000));
+  ASSERT_TRUE(SendAll(peer, {0x01}));
+  ASSERT_TRUE(pump.RunUntil([] { return AdaptCount() >= 3; }, 5000));
+
   // An invalid ingest point drops that transport alone.
   drainOther();
   ASSERT_TRUE(SendAll(peer, {0x03}));
@@ -392,7 +401,7 @@ TEST(TransportTcpStream, PeerMessagesReachTheEncoderOnThePumpThread) {
   drainOther();
   size_t later = 0;
   EXPECT_TRUE(pump.RunUntil([&] { return (later += drainOther()) > 10000; }, 5000));
-  EXPECT_EQ(2u, AdaptCount());
+  EXPECT_EQ(3u, AdaptCount());
   close(peer);
   close(other);
 }
