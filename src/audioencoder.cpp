@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "vlog.h"
 
@@ -236,10 +237,17 @@ audio_frame_t* AudioEncoder::CreateFrame() {
   pthread_mutex_unlock(&mutex_);
 
   unsigned capacity = aac_ ? aac_->MaxOutputSize() : 0;
-  audio_frame_t* frame = new audio_frame_t();
+  audio_frame_t* frame = new (std::nothrow) audio_frame_t();
+  if (frame == nullptr) return nullptr;
   frame->capacity = capacity;
-  frame->payload = new unsigned char[capacity];
-  frame->altPayload = new unsigned char[capacity];
+  frame->payload = new (std::nothrow) unsigned char[capacity];
+  frame->altPayload = new (std::nothrow) unsigned char[capacity];
+  if (frame->payload == nullptr || frame->altPayload == nullptr) {
+    delete[] frame->payload;
+    delete[] frame->altPayload;
+    delete frame;
+    return nullptr;
+  }
   frame->payloadLength = 0;
   frame->altPayloadLength = 0;
   frame->muted = 0;
@@ -358,6 +366,12 @@ void AudioEncoder::Work() {
     frame->duration = AACENC_FRAME_SAMPLES;
 
     pthread_mutex_lock(&mutex_);
+    if (flags_ & FLAG_RESTART) {
+      // A rebase came while this block was encoded: it carries the old time base.
+      freeFrames_.push_back(frame);
+      pthread_mutex_unlock(&mutex_);
+      continue;
+    }
     if (readyFrames_.size() >= kMaxReadyFrames) {
       // The consumer fell behind: the oldest frame is dropped unseen.
       freeFrames_.push_back(readyFrames_.front());

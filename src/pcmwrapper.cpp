@@ -78,11 +78,17 @@ int pcm_wrapper_t::Start(unsigned sampleRate, unsigned channels, unsigned volume
   Stop();
   sampleRate_ = sampleRate;
   channels_ = channels;
-  volume_ = volume;
+  {
+    std::lock_guard<std::mutex> lock(volumeMutex_);
+    volume_ = volume;
+  }
   framesPerBlock_ = framesPerBlock;
   bufferBytes_ = framesPerBlock * channels * 2;
   buffer_.assign(bufferBytes_, 0);
+  return Open();
+}
 
+int pcm_wrapper_t::Open() {
   if (Configure() != 0) {
     Stop();
     return -1;
@@ -100,8 +106,12 @@ int pcm_wrapper_t::Start(unsigned sampleRate, unsigned channels, unsigned volume
     timeBase_ = RescaleTimestamp(clock.value, clock.timescale, sampleRate_);
   samplesRead_ = 0;
 
-  unsigned v = volume_;
-  int err = SetVolume(v);
+  int err = 0;
+  {
+    std::lock_guard<std::mutex> lock(volumeMutex_);
+    unsigned v = volume_;
+    err = SetVolumeLocked(v);
+  }
   if (err != 0) {
     VLOG_ERROR("Unable to set volume. Error was: %d", err);
     Stop();
@@ -112,7 +122,7 @@ int pcm_wrapper_t::Start(unsigned sampleRate, unsigned channels, unsigned volume
 
 int pcm_wrapper_t::Restart() {
   Stop();
-  int err = Start(sampleRate_, channels_, volume_, framesPerBlock_);
+  int err = Open();
   if (err != 0) VLOG_ERROR("Unable to start the PCM wrapper. Error was: %d", err);
   return err;
 }
@@ -136,6 +146,11 @@ const unsigned char* pcm_wrapper_t::Read(long long& timestamp, int& error) {
 }
 
 int pcm_wrapper_t::SetVolume(unsigned& volume) {
+  std::lock_guard<std::mutex> lock(volumeMutex_);
+  return SetVolumeLocked(volume);
+}
+
+int pcm_wrapper_t::SetVolumeLocked(unsigned& volume) {
   int err = mixer_.SetVolume(volume);
   if (err != 0) {
     VLOG_ERROR("Unable to set the PCM volume. Error was: %d", err);

@@ -6,6 +6,7 @@
 #include <alsa/asoundlib.h>
 
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
 #include "pcmmixerwrapper.h"
@@ -24,13 +25,15 @@ class pcm_wrapper_t {
   // Opens, configures (exact rate) and starts the capture, takes the time
   // base from the hardware clock and sets the volume. 0, or -1 after a log line.
   int Start(unsigned sampleRate, unsigned channels, unsigned volume, unsigned framesPerBlock);
-  // Stop, then Start with the stored parameters.
+  // Stop, then Start with the stored parameters and the latest volume.
   int Restart();
   // Closes the device; safe to call twice.
   void Stop();
   // One block of framesPerBlock frames, stamped with the sample position of
   // its end; null with error set on failure.
   const unsigned char* Read(long long& timestamp, int& error);
+  // Any thread: the volume and the mixer are guarded against a restart on
+  // the capture thread.
   int SetVolume(unsigned& volume);
 
   unsigned SampleRate() const { return sampleRate_; }
@@ -42,6 +45,9 @@ class pcm_wrapper_t {
 
  private:
   int Configure();
+  // Opens the device with the stored parameters (Start without them).
+  int Open();
+  int SetVolumeLocked(unsigned& volume);
 
   snd_pcm_hw_params_t* hwParams_;
   snd_pcm_t* pcm_;
@@ -53,6 +59,7 @@ class pcm_wrapper_t {
   unsigned bufferBytes_;
   int64_t timeBase_;
   uint64_t samplesRead_;
+  std::mutex volumeMutex_;  // guards volume_ and mixer_
   pcm_mixer_wrapper_t mixer_;
 };
 
