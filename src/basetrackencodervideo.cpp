@@ -89,7 +89,7 @@ bool BaseTrackEncoderVideo::OpenIAV() {
 }
 
 bool BaseTrackEncoderVideo::EnterIdle() {
-  if (vdev_ioctl(iavFd_, IAV_IOC_ENTER_IDLE) != 0) {
+  if (vdev_ioctl(iavFd_, IAV_IOC_ENTER_IDLE, 0ul) != 0) {
     VLOG_ERRNO(VESK_PRIO_ERROR, errno, "IAV_IOC_ENTER_IDLE failed");
     return false;
   }

@@ -1,5 +1,6 @@
 #include "outstream.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -88,10 +89,8 @@ void ParsePeerMessages(IOBuffer& buffer, peer_report_t& report) {
       case 3:  // invalid ingest point
         buffer.Ignore(1);
         report.invalidIngest = true;
-        VLOG_ERROR("Invalid ingest point used");
         return;
       default:
-        VLOG_ERROR("Invalid message received.");
         buffer.IgnoreAll();
         report.bitrateSeen = false;
         report.idrRequested = false;
@@ -212,15 +211,20 @@ void OutStream::SignalTransportReceivedData(IOBuffer& buffer) {
   peer_report_t report;
   ParsePeerMessages(buffer, report);
   if (report.invalidIngest) {
+    VLOG_ERROR("Invalid ingest point used");
     invalidIngest_ = true;
     return;
   }
-  if (report.discarded) return;
+  if (report.discarded) {
+    VLOG_ERROR("Invalid message received.");
+    return;
+  }
   if (!report.bitrateSeen && !report.idrRequested) return;
   if (encoder_ == nullptr) return;
   uint32_t channelId = streamInfo_.channelId();
   // The peer counts bytes; the encoder adapts in bits.
-  int bitrateBits = (int)(report.bitrate * 8);
+  int64_t bits = report.bitrate * 8;
+  int bitrateBits = bits > INT_MAX ? INT_MAX : (int)bits;
   encoder_->AdaptServerPlayerBitrate(channelId, (signed char)report.level, bitrateBits,
                                      report.idrRequested);
   if (report.idrRequested) encoder_->ForceIDR();

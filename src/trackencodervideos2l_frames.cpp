@@ -4,7 +4,7 @@
 #include <string.h>
 #include <sys/mman.h>
 
-#include <limits>
+#include <cstdint>
 
 #include "trackencodervideos2l.h"
 #include "vesk/device/device.h"
@@ -42,7 +42,9 @@ bool TrackEncoderVideoS2L::InitializeFramesMemory() {
     slot.frame.ringBase = ringBase_;
     slot.frame.ringSize = ringSize_;
     for (uint32_t& rate : slot.clockRates) rate = kVideoClock;
-    slot.rebasePoint = std::numeric_limits<double>::quiet_NaN();
+    // "No rebase yet": a NaN with every bit set.
+    const uint64_t allOnes = ~0ull;
+    memcpy(&slot.rebasePoint, &allOnes, sizeof(slot.rebasePoint));
     slot.nalMapValid = false;
     slot.auxInfoValid = false;
   }

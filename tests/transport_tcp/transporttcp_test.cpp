@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <climits>
 #include <ctime>
 
 #include <mutex>
@@ -382,6 +383,14 @@ TEST(TransportTcpStream, PeerMessagesReachTheEncoderOnThePumpThread) {
     EXPECT_EQ(std::vector<std::thread::id>{std::this_thread::get_id()}, g_forceIdr);
   }
 
+  // The largest rate a report can carry saturates when turned into bits.
+  ASSERT_TRUE(SendAll(peer, {0x00, 0x7F, 0xFF, 0xFF, 0xFF, 0x01}));
+  ASSERT_TRUE(pump.RunUntil([] { return AdaptCount() >= 3; }, 5000));
+  {
+    std::lock_guard<std::mutex> lock(g_callsMutex);
+    EXPECT_EQ(INT_MAX, g_adapt[2].bitrate);
+  }
+
   // A type-2 message is never read and holds up what follows it, until 64 KiB
   // are waiting: they are dropped and the next request is read again.
   drainOther();
@@ -389,7 +398,7 @@ TEST(TransportTcpStream, PeerMessagesReachTheEncoderOnThePumpThread) {
   const std::string dropped = "65536 bytes from " + reporting.Uri() + " were never read by the stream: dropped";
   ASSERT_TRUE(pump.RunUntil([&] { return log.Has(dropped); }, 5000));
   ASSERT_TRUE(SendAll(peer, {0x01}));
-  ASSERT_TRUE(pump.RunUntil([] { return AdaptCount() >= 3; }, 5000));
+  ASSERT_TRUE(pump.RunUntil([] { return AdaptCount() >= 4; }, 5000));
 
   // An invalid ingest point drops that transport alone.
   drainOther();
@@ -401,7 +410,7 @@ TEST(TransportTcpStream, PeerMessagesReachTheEncoderOnThePumpThread) {
   drainOther();
   size_t later = 0;
   EXPECT_TRUE(pump.RunUntil([&] { return (later += drainOther()) > 10000; }, 5000));
-  EXPECT_EQ(3u, AdaptCount());
+  EXPECT_EQ(4u, AdaptCount());
   close(peer);
   close(other);
 }
