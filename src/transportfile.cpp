@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "vlog.h"
@@ -113,6 +114,11 @@ bool TransportFile::WriteAll(int fd, IOBuffer& batch) {
 }
 
 void TransportFile::DoContinuousWrite(const std::string& path) {
+  // A regular file is replaced, not truncated in place: a writer of a stream
+  // being rebuilt that still finishes a write into it cannot leave a hole and
+  // its old tail in the new recording.
+  struct stat existing;
+  if (stat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode)) unlink(path.c_str());
   int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) {
     VLOG_ERRNO(VESK_PRIO_ERROR, errno, "Unable to open file `%s`", path.c_str());
