@@ -417,7 +417,9 @@ bool Encoder::UpdateDriftAllowance() {
   bool hasAudio = Enabled(audio);
   if (hasAudio) {
     Variant& rate = audio["sampleRate"];
-    if (!rate.IsNumeric()) rate = (uint32_t)11025;
+    uint32_t type = rate.GetType();
+    bool isUnsigned = type >= vesk::variant::V_UINT8 && type <= vesk::variant::V_UINT64;
+    if (!isUnsigned) rate = (uint32_t)11025;
     audioPeriod = timestamp_t(1024, (uint32_t)rate);
   }
   Variant& video = MapAt(currentSettings_, "video");
