@@ -10,6 +10,7 @@ PACKAGES=(
   nlohmann-json3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   ffmpeg libavcodec-dev libavutil-dev libavformat-dev libswscale-dev libx264-dev
+  g++-arm-linux-gnueabihf qemu-user   # the camera CPU's NEON path, checked under emulation
 )
 
 missing=()
