@@ -490,42 +490,7 @@ bool TransportTCP::Transfer(int fd) {
     }
 
     // d. Bytes from the peer.
-    if (state.revents & (POLLIN | POLLHUP)) {
-      int amount = 0;
-      if (!netIn_.ReadFromFd(fd, kReadChunk, amount)) {
-        VTLOG_ERROR("read from fd failed");
-        break;
-      }
-      IOBuffer* plain = &netIn_;
-      if (encrypted && netIn_.GetAvailable() > 0) {
-        plain = &plainIn_;
-        if (!tls.handshakeDone) {
-          if (tls.doHandshake(netIn_, wire) != 0) {
-            VTLOG_ERROR("SSL decrypt failed: %d", -1);
-            break;
-          }
-          // Records that followed the server's Finished are already inside.
-          if (tls.handshakeDone && tls.doDecrypt(noBytes_, plainIn_) != 0) {
-            VTLOG_ERROR("SSL decrypt failed: %d", -1);
-            break;
-          }
-        } else if (tls.doDecrypt(netIn_, plainIn_) != 0) {
-          VTLOG_ERROR("SSL decrypt failed: %d", -1);
-          break;
-        }
-      }
-      if (plain->GetAvailable() > 0) {
-        pthread_mutex_lock(&mutex_);
-        if (received_.GetAvailable() == 0) {
-          received_.Swap(*plain);
-        } else if (received_.GetAvailable() < kMaxUnreadPeerBytes) {
-          received_.ReadFromBuffer(plain->GetPointer(), plain->GetAvailable());
-        }  // else a peer flooding a pump that does not keep up: dropped
-        PostEvent(TCP_EVENT_DATA);
-        pthread_mutex_unlock(&mutex_);
-        plain->IgnoreAll();
-      }
-    }
+    if ((state.revents & (POLLIN | POLLHUP)) && !ReadFromPeer(fd, encrypted ? &tls : nullptr, wire)) break;
 
     // e. An error condition on the socket.
     if (state.revents & (POLLERR | POLLNVAL)) {
@@ -547,6 +512,45 @@ bool TransportTCP::Transfer(int fd) {
   bool established = !encrypted || tls.handshakeDone;
   tls.close();
   return established;
+}
+
+// Step d of the transfer: reads what the peer sent, decrypts it when tls is
+// given (completing its handshake first) and hands the plaintext to the pump.
+// False ends the transfer, after its line.
+bool TransportTCP::ReadFromPeer(int fd, ssl_t* tls, IOBuffer& wire) {
+  int amount = 0;
+  if (!netIn_.ReadFromFd(fd, kReadChunk, amount)) {
+    VTLOG_ERROR("read from fd failed");
+    return false;
+  }
+  IOBuffer* plain = &netIn_;
+  if (tls != nullptr && netIn_.GetAvailable() > 0) {
+    plain = &plainIn_;
+    bool failed = false;
+    if (!tls->handshakeDone) {
+      // Records that followed the server's Finished are already inside.
+      failed = tls->doHandshake(netIn_, wire) != 0 ||
+               (tls->handshakeDone && tls->doDecrypt(noBytes_, plainIn_) != 0);
+    } else {
+      failed = tls->doDecrypt(netIn_, plainIn_) != 0;
+    }
+    if (failed) {
+      VTLOG_ERROR("SSL decrypt failed: %d", -1);
+      return false;
+    }
+  }
+  if (plain->GetAvailable() > 0) {
+    pthread_mutex_lock(&mutex_);
+    if (received_.GetAvailable() == 0) {
+      received_.Swap(*plain);
+    } else if (received_.GetAvailable() < kMaxUnreadPeerBytes) {
+      received_.ReadFromBuffer(plain->GetPointer(), plain->GetAvailable());
+    }  // else a peer flooding a pump that does not keep up: dropped
+    PostEvent(TCP_EVENT_DATA);
+    pthread_mutex_unlock(&mutex_);
+    plain->IgnoreAll();
+  }
+  return true;
 }
 
 bool TransportTCP::Service() {

@@ -113,12 +113,13 @@ class TransportTCP : public BaseTransport, public Thread {
   uint64_t GetFlushedBytes() const { return flushedBytes_.load(); }
 
  private:
-  // All three run on the I/O thread.
+  // All of these run on the I/O thread.
   int Connect();
   int WaitConnect(int fd);
   // False when a TLS session never got past its handshake: the peer refused
   // us, and the next attempt waits retryInterval like a failed connect.
   bool Transfer(int fd);
+  bool ReadFromPeer(int fd, ssl_t* tls, vesk::utils::IOBuffer& wire);
 
   // Waits on the condition for up to ms real milliseconds or until the exit
   // request (the mutex is taken here).
