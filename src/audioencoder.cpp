@@ -337,50 +337,56 @@ void AudioEncoder::Work() {
       continue;
     }
 
-    audio_frame_t* frame = CreateFrame();
-    if (frame == nullptr) {
-      LifeLog(__LINE__, "Unable to obtain an AAC frame.");
-      continue;
-    }
-    bool muted = (flags & FLAG_MUTED) != 0;
-    frame->payloadLength = 0;
-    frame->altPayloadLength = 0;
-    int size = aac_->Encode(block, frame->payload, muted);
+    EncodeAndQueue(block, mixed ? mixBuffer.data() : nullptr, timestamp, sampleRate, (flags & FLAG_MUTED) != 0);
+  }
+  ExitSequence();
+}
+
+// Encodes one captured block (and its mix with the talkback, when given) into
+// a frame of the pool and queues it for the pump; a failure loses this block.
+void AudioEncoder::EncodeAndQueue(const unsigned char* block, const unsigned char* mixed, long long timestamp,
+                                  unsigned sampleRate, bool muted) {
+  audio_frame_t* frame = CreateFrame();
+  if (frame == nullptr) {
+    LifeLog(__LINE__, "Unable to obtain an AAC frame.");
+    return;
+  }
+  frame->payloadLength = 0;
+  frame->altPayloadLength = 0;
+  int size = aac_->Encode(block, frame->payload, muted);
+  if (size < 1) {
+    LifeLog(__LINE__, "AAC encoding failed. Error was: %d", size);
+    ReleaseFrame(frame);
+    return;
+  }
+  frame->payloadLength = (uint32_t)size;
+  if (mixed != nullptr) {
+    size = aacMixed_->Encode(mixed, frame->altPayload, muted);
     if (size < 1) {
       LifeLog(__LINE__, "AAC encoding failed. Error was: %d", size);
       ReleaseFrame(frame);
-      continue;
+      return;
     }
-    frame->payloadLength = (uint32_t)size;
-    if (mixed) {
-      size = aacMixed_->Encode(mixBuffer.data(), frame->altPayload, muted);
-      if (size < 1) {
-        LifeLog(__LINE__, "AAC encoding failed. Error was: %d", size);
-        ReleaseFrame(frame);
-        continue;
-      }
-      frame->altPayloadLength = (uint32_t)size;
-    }
-    frame->muted = muted ? 1 : 0;
-    frame->pts = timestamp_t(timestamp, sampleRate);
-    frame->duration = AACENC_FRAME_SAMPLES;
-
-    pthread_mutex_lock(&mutex_);
-    if (flags_ & FLAG_RESTART) {
-      // A rebase came while this block was encoded: it carries the old time base.
-      freeFrames_.push_back(frame);
-      pthread_mutex_unlock(&mutex_);
-      continue;
-    }
-    if (readyFrames_.size() >= kMaxReadyFrames) {
-      // The consumer fell behind: the oldest frame is dropped unseen.
-      freeFrames_.push_back(readyFrames_.front());
-      readyFrames_.erase(readyFrames_.begin());
-    }
-    readyFrames_.push_back(frame);
-    pthread_mutex_unlock(&mutex_);
+    frame->altPayloadLength = (uint32_t)size;
   }
-  ExitSequence();
+  frame->muted = muted ? 1 : 0;
+  frame->pts = timestamp_t(timestamp, sampleRate);
+  frame->duration = AACENC_FRAME_SAMPLES;
+
+  pthread_mutex_lock(&mutex_);
+  if (flags_ & FLAG_RESTART) {
+    // A rebase came while this block was encoded: it carries the old time base.
+    freeFrames_.push_back(frame);
+    pthread_mutex_unlock(&mutex_);
+    return;
+  }
+  if (readyFrames_.size() >= kMaxReadyFrames) {
+    // The consumer fell behind: the oldest frame is dropped unseen.
+    freeFrames_.push_back(readyFrames_.front());
+    readyFrames_.erase(readyFrames_.begin());
+  }
+  readyFrames_.push_back(frame);
+  pthread_mutex_unlock(&mutex_);
 }
 
 void AudioEncoder::ExitSequence() {

@@ -63,6 +63,8 @@ class AudioEncoder : public Thread {
   void ReleaseFrame(audio_frame_t* frame);
   // Restarts the capture after a failure: false when the restart failed.
   bool RecoverCapture();
+  void EncodeAndQueue(const unsigned char* block, const unsigned char* mixed, long long timestamp,
+                      unsigned sampleRate, bool muted);
   void ExitSequence();
   void LifeLog(int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
