@@ -210,6 +210,34 @@ TEST(AudioEncoder, ReadyFramesAreBoundedAndTheOldestAreDropped) {
   AudioEncoder::FreeInstance(e);
 }
 
+// Volume changes from the pump meet capture restarts on the worker (each
+// rebase restarts the capture and sets the volume again): the two never use
+// the mixer at once (ThreadSanitizer watches this suite in CI), and the last
+// volume set is the one the sound card keeps.
+TEST(AudioEncoder, VolumeChangesMeetingCaptureRestartsLeaveTheLastVolume) {
+  const std::string state = "/tmp/vesk_audio_volume_race.state";
+  unlink(state.c_str());
+  setenv("VESK_VSND_CTL", ("min=0,max=100,state=" + state).c_str(), 1);
+  UseVirtualSoundCard("free=1");
+  AudioEncoderSettings s = Settings(0, 16000, 1, 32000, 10);
+  AudioEncoder* e = Start(s);
+  ASSERT_NE(nullptr, e);
+  for (unsigned i = 0; i < 100; i++) {
+    ASSERT_EQ(0, e->Rebase());
+    ASSERT_EQ(0, e->SetVolume(10 + i % 80));
+    usleep(500);
+  }
+  ASSERT_EQ(0, e->SetVolume(42));
+  // Once the worker has delivered fresh frames every restart it owed is done.
+  e->DiscardExistingFrames();
+  EXPECT_EQ(3u, Collect(e, 3).size());
+  AudioEncoder::FreeInstance(e);
+  unsetenv("VESK_VSND_CTL");
+  EXPECT_EQ("42 42\n", ReadFile(state));
+  EXPECT_EQ(42u, (unsigned)s.volume());
+  unlink(state.c_str());
+}
+
 TEST(AudioEncoder, MutingIsOneWayAndTheLifeCycleFileRecordsStartAndExit) {
   unlink(AudioEncoder::kLifeCycleFile);
   UseVirtualSoundCard("free=1");
