@@ -109,6 +109,15 @@ bool VeskReassembler::Feed(const uint8_t* data, size_t length) {
   } else if (!state.inFrame) {
     return true;  // joined in the middle of a frame
   }
+  // A frame never grows past its announced length, nor past kMaxFrameBytes
+  // without one: a sender cannot make the receiver's memory grow.
+  size_t limit = state.hasTotal ? state.total : kMaxFrameBytes;
+  if (state.bytes.size() + packet.chunkLength > limit) {
+    stats.incompleteFrames++;
+    state.inFrame = false;
+    state.bytes.clear();
+    return true;
+  }
   state.bytes.insert(state.bytes.end(), packet.chunk, packet.chunk + packet.chunkLength);
   if (!(packet.flags & kVeskLast)) return true;
   state.inFrame = false;

@@ -34,6 +34,7 @@ constexpr uint16_t kVeskTimestamp = 0x0800;
 constexpr uint16_t kVeskLongTimestamp = 0x0400;
 constexpr uint16_t kVeskCompositionOffset = 0x0200;
 constexpr uint16_t kVeskControlChannel = 5;
+constexpr size_t kMaxFrameBytes = 16u << 20;  // a frame without an announced length
 
 // False when the bytes are not one well-formed packet (bad channel header,
 // truncated fields, chunk longer than the datagram, padding missing).

@@ -75,12 +75,19 @@ TEST(VeskReassembler, ExplicitTimescaleLostPacketsAndMalformedDatagrams) {
   const vesk_channel_stats_t& video = reassembler.Channels().at(1001);
   EXPECT_EQ(std::make_tuple(video.lostPackets, video.incompleteFrames, video.frames), std::make_tuple(1u, 1u, 1u));
 
+  // A frame growing past its announced length is dropped at once, whatever follows.
+  EXPECT_TRUE(feed(Build({1001, 0x8000, 5, 0, 0, 4, {1, 2, 3}})));
+  EXPECT_TRUE(feed(Build({1001, 0x0000, 6, 0, 0, 0, {4, 5}})));
+  EXPECT_EQ(video.incompleteFrames, 2u);
+  EXPECT_TRUE(feed(Build({1001, 0x4000, 7, 0, 0, 0, {6}})));
+  EXPECT_EQ(std::make_tuple(video.incompleteFrames, video.frames), std::make_tuple(2u, 1u));
+
   // Not vesk: a wrong check byte, a chunk longer than the datagram, missing padding.
   std::vector<uint8_t> bad = whole;
   bad[3] ^= 1;
   EXPECT_FALSE(feed(bad));
   EXPECT_FALSE(feed(whole, 4));
-  EXPECT_FALSE(feed(Build({1001, 0xC000, 5, 0, 0, 0, {1, 2, 3}}), 1));
+  EXPECT_FALSE(feed(Build({1001, 0xC000, 8, 0, 0, 0, {1, 2, 3}}), 1));
   EXPECT_EQ(reassembler.Malformed(), 3u);
   EXPECT_EQ(frames.size(), 2u);
 }
