@@ -271,6 +271,15 @@ TEST_F(VirtualCameraTest, PlaneQueryBlocksUntilTheNextFrameOrAReset) {
   std::thread woken([&] { next = plane(); });
   vcam_reset();
   woken.join();
+
+  // Before the first plane of a new VIN mode the answer already has its size
+  // (720p: 160x90 cells in rows of 160 bytes), not the previous mode's.
+  ASSERT_EQ(Request(IAV_IOC_ENTER_IDLE, 0ul), 0);
+  iav_vin_mode_t mode720 = {0, 3, 0, 0};
+  ASSERT_EQ(Request(IAV_IOC_VIN_SET_MODE, &mode720), 0);
+  vcam_set_manual_wait_limit_ms(1);
+  iav_me0desc_t first = plane();
+  EXPECT_EQ(std::make_tuple(first.width, first.height, first.pitch), std::make_tuple(160u, 90u, 160u));
 }
 
 }  // namespace

@@ -182,6 +182,7 @@ class VirtualCamera {
   void AnchorLocked(uint64_t cameraNs);
   uint64_t TicksAtNs(uint64_t ns) const;
   uint64_t VinFrameNs(uint64_t index) const;
+  void Me0Geometry(uint32_t* width, uint32_t* height, uint32_t* pitch) const;
   uint32_t VinRate() const;
 
   // Production (production.cpp); production_ held.

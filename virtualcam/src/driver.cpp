@@ -170,6 +170,7 @@ int VirtualCamera::EnterIdle() {
   }
   vinRunning_ = false;
   ClearQueueLocked();
+  memset(&me0Latest_, 0, sizeof(me0Latest_));  // the next plane may have another size
   iavState_ = VCAM_IAV_STATE_IDLE;
   changed_.notify_all();
   return 0;
@@ -269,6 +270,7 @@ int VirtualCamera::VinSetMode(const iav_vin_mode_t* mode) {
     vinHdrMode_ = m.hdrMode;
     vinWidth_ = m.width;
     vinHeight_ = m.height;
+    memset(&me0Latest_, 0, sizeof(me0Latest_));
     vinModePeriod_ = m.framePeriod;
     vinPeriod_ = m.framePeriod;  // the mode's own rate until VIN_SET_FPS
     return 0;
@@ -473,11 +475,9 @@ int VirtualCamera::QueryMe0(int fd, iav_me0desc_t* desc, std::unique_lock<std::m
     bool fresh = me0Seq_ != 0 && me0Seq_ != it->second.lastMe0Seq;
     bool timedOut = limitUs != 0 && Clock::now() >= deadline;
     if (fresh || timedOut || epoch != epoch_ || stopping_) {
-      if (me0Latest_.width == 0) {  // no plane yet: an empty (all zero) one
+      if (me0Latest_.width == 0) {  // no plane yet: an empty (all zero) one of the VIN's size
         memset(desc, 0, sizeof(*desc));
-        desc->width = 240;
-        desc->height = 135;
-        desc->pitch = 256;
+        Me0Geometry(&desc->width, &desc->height, &desc->pitch);
       } else {
         *desc = me0Latest_;
       }

@@ -100,6 +100,17 @@ void VirtualCamera::Advance(uint64_t microseconds) {
   ProduceDue(now, false);
 }
 
+// mutex_ held. One cell per 8x8 pixels of the VIN (1080p until a mode is
+// set), rows 32-byte aligned, within half the statistics buffer.
+void VirtualCamera::Me0Geometry(uint32_t* width, uint32_t* height, uint32_t* pitch) const {
+  uint32_t vinWidth = vinWidth_ != 0 ? vinWidth_ : 1920;
+  uint32_t vinHeight = vinHeight_ != 0 ? vinHeight_ : 1080;
+  *width = (vinWidth + 7) / 8;
+  *pitch = (*width + 31) & ~31u;
+  *height = (vinHeight + 7) / 8;
+  if (*pitch * *height > kMe0Size / 2) *height = kMe0Size / 2 / *pitch;
+}
+
 void VirtualCamera::RealTimeLoop() {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {
@@ -165,10 +176,8 @@ void VirtualCamera::ProduceVinFrame(uint64_t index, bool encode) {
     when.frameIndex = index;
 
     // The statistics plane of this frame, in the place the previous one is not.
-    uint32_t width = (vinWidth_ + 7) / 8;
-    uint32_t pitch = (width + 31) & ~31u;
-    uint32_t height = (vinHeight_ + 7) / 8;
-    if (pitch * height > kMe0Size / 2) height = kMe0Size / 2 / pitch;
+    uint32_t width = 0, height = 0, pitch = 0;
+    Me0Geometry(&width, &height, &pitch);
     ++me0Seq_;
     if (me0Seq_ == 0) me0Seq_ = 1;
     uint32_t offset = (me0Seq_ % 2) * (kMe0Size / 2);
