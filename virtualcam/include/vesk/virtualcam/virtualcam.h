@@ -102,7 +102,8 @@ uint64_t vcam_timer_ticks(void);
 
 /* Manual clock: a blocking motion query that sees no new plane returns the
  * latest plane again after this much real time (default 200 ms; 0 waits
- * until time is advanced, the descriptor closed or the camera reset). */
+ * for a new plane, which only time advanced while the VIN runs makes, or for
+ * the descriptor to be closed or the camera reset). */
 void vcam_set_manual_wait_limit_ms(uint32_t milliseconds);
 
 /* Replay: each stream encodes one IDR period of pictures when it starts and
