@@ -45,6 +45,16 @@ TEST_F(VirtualCameraTest, ForcedIdrRestartsTheCadenceOnTheHardwareClock) {
   for (const iav_framedesc_t& f : frames) EXPECT_EQ(f.hwTimestamp, f.pts * (VCAM_TIMER_FREQUENCY / 90000));
   EXPECT_LE(frames.back().hwTimestamp, vcam_timer_ticks());
   EXPECT_GT(frames.back().hwTimestamp + VCAM_TIMER_FREQUENCY / 30 + 300, vcam_timer_ticks());
+
+  // A GOP item applied at once restarts the cadence as well; one stored for later does not.
+  vcam_advance_ms(400);
+  for (uint32_t apply : {0u, 1u}) {
+    ASSERT_EQ(SetItem(0, IAV_STMCFG_GOP, iav_stream_gop_t{30, apply}), 0);
+    vcam_advance_ms(1000);
+    frames = DrainFrames();
+    ASSERT_EQ(frames.size(), 42u - 12u * apply);
+    CheckCadence(frames);  // apply 0: the old cadence goes on; apply 1: it restarts here
+  }
 }
 
 TEST_F(VirtualCameraTest, BPicturesWhenMIsAboveOne) {

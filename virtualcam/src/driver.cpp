@@ -395,6 +395,7 @@ int VirtualCamera::SetStreamConfig(const iav_stream_cfg_t* config) {
     case IAV_STMCFG_GOP:
       if (config->arg.gop.idrInterval < 1 || config->arg.gop.apply > 1) return -EINVAL;
       s.gop = config->arg.gop;
+      if (s.gop.apply == 1 && s.encoding) s.forceIdr = true;  // the cadence restarts now
       return 0;
     case IAV_STMCFG_BITRATE: {
       const iav_stream_bitrate_t& b = config->arg.bitrate;
