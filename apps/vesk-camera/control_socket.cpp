@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "vesk/host/log.h"
+
 namespace vesk {
 namespace camera {
 
@@ -118,8 +120,13 @@ void ControlSocket::Service(Handler& handler) {
   }
   if (poll(polls_, (nfds_t)(count + 1), 0) < 0) return;
 
-  unsigned budget = kRequestsPerService;
-  for (size_t i = 0; i < count; i++) {
+  // Clients take turns at being served first, so that one busy client
+  // cannot use every pass's budget.
+  budget_t budget;
+  const size_t first = count > 0 ? nextFirst_ % count : 0;
+  nextFirst_ = first + 1;
+  for (size_t n = 0; n < count; n++) {
+    size_t i = (first + n) % count;
     client_t& client = clients_[i];
     short revents = polls_[i + 1].revents;
     if ((revents & POLLNVAL) != 0) client.failed = true;
@@ -148,6 +155,7 @@ void ControlSocket::AcceptClients(Handler& handler) {
   for (unsigned n = 0; n < kAcceptsPerService; n++) {
     int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
+    if (clients_.size() >= kMaxClients) EvictIdleClient(handler);
     if (clients_.size() >= kMaxClients) {
       std::string refusal =
           handler.Refusal("too many control clients (at most " + std::to_string(kMaxClients) + ")") + "\n";
@@ -158,7 +166,26 @@ void ControlSocket::AcceptClients(Handler& handler) {
     }
     clients_.emplace_back();
     clients_.back().fd = fd;
+    clients_.back().lastActiveMs = nowMs();
   }
+}
+
+void ControlSocket::EvictIdleClient(Handler& handler) {
+  size_t idlest = clients_.size();
+  uint64_t now = nowMs();
+  for (size_t i = 0; i < clients_.size(); i++) {
+    const client_t& client = clients_[i];
+    if (!client.out.empty() || now - client.lastActiveMs < kIdleEvictMs) continue;
+    if (idlest == clients_.size() || client.lastActiveMs < clients_[idlest].lastActiveMs) idlest = i;
+  }
+  if (idlest == clients_.size()) return;
+  std::string notice = handler.Refusal("no request for " + std::to_string(kIdleEvictMs / 1000) +
+                                       " s while others wait; disconnected") + "\n";
+  ssize_t ignored = send(clients_[idlest].fd, notice.data(), notice.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  (void)ignored;
+  close(clients_[idlest].fd);
+  clients_[idlest] = std::move(clients_.back());
+  clients_.pop_back();
 }
 
 void ControlSocket::ReadFrom(client_t& client) {
@@ -184,11 +211,17 @@ void ControlSocket::ReadFrom(client_t& client) {
   client.in.append(start, length);
 }
 
-void ControlSocket::TakeLines(client_t& client, Handler& handler, unsigned& budget) {
-  while (budget > 0) {
-    const char* data = client.in.data();
-    const char* newline = (const char*)memchr(data + client.scanned, '\n', client.in.size() - client.scanned);
+void ControlSocket::TakeLines(client_t& client, Handler& handler, budget_t& budget) {
+  // Lines are taken at an offset and the bytes before it dropped once, so a
+  // flood of short lines costs one pass over the buffer.
+  size_t taken = 0;
+  while (budget.requests > 0 && budget.lines > 0) {
+    const char* data = client.in.data() + taken;
+    size_t scanFrom = client.scanned > taken ? client.scanned - taken : 0;
+    size_t available = client.in.size() - taken;
+    const char* newline = (const char*)memchr(data + scanFrom, '\n', available - scanFrom);
     if (newline == nullptr) {
+      client.in.erase(0, taken);
       client.scanned = client.in.size();
       if (client.in.size() > kMaxLineBytes && !client.hungUp) {
         client.out += handler.Refusal("request line longer than " + std::to_string(kMaxLineBytes) +
@@ -200,6 +233,8 @@ void ControlSocket::TakeLines(client_t& client, Handler& handler, unsigned& budg
       return;
     }
     size_t length = (size_t)(newline - data);
+    budget.lines--;
+    client.lastActiveMs = nowMs();
     if (length > kMaxLineBytes) {
       client.out += handler.Refusal("request line longer than " + std::to_string(kMaxLineBytes) +
                                     " bytes; discarded") + "\n";
@@ -209,12 +244,13 @@ void ControlSocket::TakeLines(client_t& client, Handler& handler, unsigned& budg
       if (!IsBlank(line)) {
         client.out += handler.Answer(line);
         client.out += '\n';
-        budget--;
+        budget.requests--;
       }
     }
-    client.in.erase(0, length + 1);
-    client.scanned = 0;
+    taken += length + 1;
   }
+  client.in.erase(0, taken);
+  client.scanned = 0;
 }
 
 void ControlSocket::WriteTo(client_t& client) {

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,11 @@ class ControlSocket {
   // Requests answered per Service() call, over all clients; the rest wait
   // for the next call.
   static constexpr unsigned kRequestsPerService = 8;
+  // Lines (blank ones too) taken per Service() call, over all clients.
+  static constexpr unsigned kLinesPerService = 1024;
+  // When every slot is taken, a client silent for this long makes room for
+  // a new one.
+  static constexpr uint64_t kIdleEvictMs = 10000;
   // Answers a client leaves unread beyond this make it be dropped.
   static constexpr size_t kMaxPendingAnswerBytes = 4 * 1024 * 1024;
 
@@ -65,12 +71,18 @@ class ControlSocket {
     bool discarding = false;  // inside a line that was refused for its length
     bool hungUp = false;      // the client sent its last byte
     bool failed = false;      // drop at once
+    uint64_t lastActiveMs = 0;  // connection or last complete line
+  };
+  struct budget_t {
+    unsigned requests = kRequestsPerService;
+    unsigned lines = kLinesPerService;
   };
 
   void AcceptClients(Handler& handler);
+  void EvictIdleClient(Handler& handler);
   void ReadFrom(client_t& client);
   // Takes complete lines from client.in while budget lasts.
-  void TakeLines(client_t& client, Handler& handler, unsigned& budget);
+  void TakeLines(client_t& client, Handler& handler, budget_t& budget);
   void WriteTo(client_t& client);
   static bool HasCompleteLine(const client_t& client);
 
@@ -79,6 +91,7 @@ class ControlSocket {
   dev_t device_ = 0;
   ino_t inode_ = 0;
   std::vector<client_t> clients_;
+  size_t nextFirst_ = 0;  // the client served first next time (turns rotate)
   pollfd polls_[kMaxClients + 1];
   char chunk_[65536];
 };

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -153,6 +155,36 @@ TEST(E2eControl, OneHostSurvivesBadClientsAndAppliesAFrameRateChange) {
     bool closed = false;
     ninth.ReadLine(&closed);
     EXPECT_TRUE(closed);
+  }
+
+  {
+    // A client flooding blank lines and one that keeps sending requests (never
+    // reading the answers) hold up a third client's request for a few passes
+    // only; served always in the same order it would wait as long as the
+    // flood lasts (about 8 s here).
+    int busy = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);  // connected first: served first
+    sockaddr_un address = UnixAddress(socketPath);
+    ASSERT_EQ(connect(busy, (const sockaddr*)&address, sizeof(address)), 0);
+    RawClient blank(socketPath), other(socketPath);
+    timeval timeout = {0, 200000};
+    setsockopt(busy, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+      std::string requests;
+      for (int i = 0; i < 1024; i++) requests += "{\"OSDStats\": 1}\n";
+      auto began = std::chrono::steady_clock::now();
+      while (!stop && test::MsSince(began) < 8000)
+        if (send(busy, requests.data(), requests.size(), MSG_NOSIGNAL) < 0 && errno != EAGAIN) break;
+    });
+    ASSERT_TRUE(blank.Send(std::string(96 * 1024, '\n')));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the flood is under way
+    auto sent = std::chrono::steady_clock::now();
+    ASSERT_TRUE(other.Send("{\"ForceIDR\": true}\n"));
+    EXPECT_EQ(other.ReadLine()["ok"], true);
+    EXPECT_LT(test::MsSince(sent), 3000u);
+    stop = true;
+    flood.join();
+    close(busy);
   }
 
   // A second host may take over neither a live socket nor a plain file.
