@@ -83,6 +83,11 @@ bool VeskReassembler::Feed(const uint8_t* data, size_t length) {
     Milestone(packet);
     return true;
   }
+  // A sender cannot make the receiver track channels without end.
+  if (assemblies_.size() >= kMaxChannels && assemblies_.count(packet.channel) == 0) {
+    malformed_++;
+    return false;
+  }
   packetsSinceMilestone_++;
   assembly_t& state = assemblies_[packet.channel];
   vesk_channel_stats_t& stats = stats_[packet.channel];
@@ -109,13 +114,13 @@ bool VeskReassembler::Feed(const uint8_t* data, size_t length) {
   } else if (!state.inFrame) {
     return true;  // joined in the middle of a frame
   }
-  // A frame never grows past its announced length, nor past kMaxFrameBytes
-  // without one: a sender cannot make the receiver's memory grow.
-  size_t limit = state.hasTotal ? state.total : kMaxFrameBytes;
+  // A frame never grows past its announced length nor past kMaxFrameBytes:
+  // a sender cannot make the receiver's memory grow.
+  size_t limit = state.hasTotal && state.total < kMaxFrameBytes ? state.total : kMaxFrameBytes;
   if (state.bytes.size() + packet.chunkLength > limit) {
     stats.incompleteFrames++;
     state.inFrame = false;
-    state.bytes.clear();
+    std::vector<uint8_t>().swap(state.bytes);  // the memory goes with the frame
     return true;
   }
   state.bytes.insert(state.bytes.end(), packet.chunk, packet.chunk + packet.chunkLength);

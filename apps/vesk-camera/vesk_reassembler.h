@@ -34,7 +34,8 @@ constexpr uint16_t kVeskTimestamp = 0x0800;
 constexpr uint16_t kVeskLongTimestamp = 0x0400;
 constexpr uint16_t kVeskCompositionOffset = 0x0200;
 constexpr uint16_t kVeskControlChannel = 5;
-constexpr size_t kMaxFrameBytes = 16u << 20;  // a frame without an announced length
+constexpr size_t kMaxFrameBytes = 16u << 20;  // the largest frame put back together
+constexpr size_t kMaxChannels = 64;            // channels followed at once
 
 // False when the bytes are not one well-formed packet (bad channel header,
 // truncated fields, chunk longer than the datagram, padding missing).

@@ -90,6 +90,21 @@ TEST(VeskReassembler, ExplicitTimescaleLostPacketsAndMalformedDatagrams) {
   EXPECT_FALSE(feed(Build({1001, 0xC000, 8, 0, 0, 0, {1, 2, 3}}), 1));
   EXPECT_EQ(reassembler.Malformed(), 3u);
   EXPECT_EQ(frames.size(), 2u);
+
+  // A frame announcing 4 GiB is dropped once it holds more than 16 MiB.
+  std::vector<uint8_t> piece(65000, 7);
+  EXPECT_TRUE(feed(Build({2000, 0x8000, 1, 0, 0, 0xFFFFFFF0u, piece})));
+  uint16_t sequence = 2;
+  for (size_t held = piece.size(); held <= kMaxFrameBytes; held += piece.size()) {
+    EXPECT_EQ(reassembler.Channels().at(2000).incompleteFrames, 0u);
+    EXPECT_TRUE(feed(Build({2000, 0x0000, sequence++, 0, 0, 0, piece})));
+  }
+  EXPECT_EQ(reassembler.Channels().at(2000).incompleteFrames, 1u);
+  // Only so many channels are followed at once: one more is refused.
+  for (uint16_t channel = 3000; reassembler.Channels().size() < kMaxChannels; channel++)
+    EXPECT_TRUE(feed(Build({channel, 0xC000, 1, 0, 0, 0, {1}})));
+  EXPECT_FALSE(feed(Build({4000, 0xC000, 1, 0, 0, 0, {1}})));
+  EXPECT_EQ(reassembler.Malformed(), 4u);
 }
 
 TEST(VeskReassembler, MilestoneCountsAreComparedWithWhatArrived) {
